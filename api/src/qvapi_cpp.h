@@ -1,0 +1,195 @@
+#ifndef QVAPI_CPP_H
+#define QVAPI_CPP_H
+
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <map>
+#include <queue>
+#include <string>
+
+#include "qvapi_errno.h"
+
+/// The namespace of everything that the library declares.
+namespace Quorvel {
+
+class Sampling;
+class SocketClient;
+
+/// The ordinary log type.
+const int8_t LT_NORMAL = 0;
+
+/// Hands log records to the collection agent on this host. A logger is initialised once, either
+/// with an application name (application mode: base logs) or with a module id (module mode), and
+/// then writes records, each framed and sent on the caller's thread without waiting for a reply.
+///
+/// Delivery. A record goes to the agent in one request. On a stream transport that cannot take it,
+/// the request is appended to the fallback file "/data/qvagent/msgdat.dat", as long as that file is
+/// at most 1,000,000,000 bytes long. Whether the append worked is not reported: 7 and 8 say that
+/// the record was turned over to the file, not that the file has it.
+///
+/// How long a call may take is what SocketClient says, plus the fallback append.
+///
+/// Errors. Every operation that fails returns a code of qvapi_errno.h and leaves a text for
+/// get_errmsg(); a success leaves the text alone. The library throws nothing of its own; a failed
+/// allocation passes through as std::bad_alloc and leaves the logger usable. Every operation leaves
+/// errno as it was.
+///
+/// Thread safety. init(), set_socktype() and the destructor need the logger to themselves. With
+/// `isLock` true (the default) every other operation may be called from any number of threads at
+/// once; with false, no two operations of the logger may overlap.
+///
+/// Stack. Every operation works on a thread with a stack of 32 KiB, except the formatted form of
+/// write_baselog.
+class CLogger {
+ public:
+    /// Closed batches of statistics that wait for the statistics thread. Not for applications.
+    std::queue<std::map<std::string, std::map<std::string, int>>> m_stat_log_queues;
+    /// Guards m_stat_log_queues. Not for applications.
+    pthread_rwlock_t m_queue_lock;
+
+    /// @param tmpSocketType transport in application mode: 0 Unix-domain stream, 1 TCP, any other
+    ///   value UDP. Module mode always uses UDP.
+    /// @param isLock whether more than one thread will use the logger.
+    explicit CLogger(int8_t tmpSocketType = 0, bool isLock = true);
+
+    /// Closes the logger's socket. No other operation may be running.
+    ~CLogger();
+
+    CLogger(const CLogger&) = delete;
+    CLogger& operator=(const CLogger&) = delete;
+
+    /// Application mode under the name `logName`, 1 to 65533 bytes (its length travels in 16 bits).
+    /// Opens no connection; a missing agent or sampling table is no failure.
+    /// @return 0, or 1 with the logger as uninitialised, or initialised, as it was:
+    ///   "init: already init with appname:%s", "init: length of logName is 0" or
+    ///   "init: length of logName is %zu, more than %d" (the length, 65533).
+    int init(std::string logName);
+
+    /// Module mode for the module `mid`, 1 or more; the sender's name is "mod" and the id.
+    /// @return 0, or 1 as above: "init: already init with appname:%s" or "init mod mid[%s] error".
+    int init(int mid);
+
+    /// The raw form of a base log: sends the `len` bytes at `data` as they are. Application mode.
+    /// @param data stays the caller's. @param len 0 and more; 30720 is no limit here.
+    /// @param logType 0 to 110. @param proType 0: text body, 1: binary body.
+    /// @param timestamp seconds since the epoch, sent as given (0 is sent as 0).
+    /// @return 0: sent, or dropped by sampling; otherwise, in the order of the tests:
+    /// - 1: "writebaselog2: is not init"
+    /// - 13: module mode, "write_baselog: wrong invoke"; type out of range, "write_baselog: wrong
+    ///   logtype %d"
+    /// - 11: `data` is null, "comm_write: data is null"
+    /// - 12: "comm_write error cmd[%d]" (`proType`)
+    /// - 6: the request would be longer than INT_MAX, "sendWithoutRecv buff length -1"
+    /// - 7, 8, 17: SocketClient's text; 20: the same, and the fallback file is full.
+    int write_baselog(const char* data, unsigned int len, int8_t logType, int8_t proType,
+                      unsigned int timestamp);
+
+    /// The string form: the raw form of the characters of `data`, as a text body. `fallFlag` has no
+    /// effect.
+    /// @return as the raw form, but 1 has the text "writebaselog: is not init", and 2 comes before
+    ///   the tests for 13: `data` is empty, "write_baselog: data empty".
+    int write_baselog(int8_t type, const std::string& data, bool fallFlag, unsigned int timestamp);
+
+    /// The formatted form: sends "_msg=" and the text that printf(3) makes of `fmt`, with a tab in
+    /// front of every percent sign of `fmt` but one at its very start ("a=%d,b=%s" is formatted as
+    /// "_msg=a=", tab, "%d,b=", tab, "%s"; each sign of a "%%" comes out behind its tab). At most
+    /// 2047 characters of the format so rewritten and 30719 characters of text are used; when the
+    /// formatter reports an error, what it had written by then is sent. Needs 48 KiB of stack,
+    /// plus what printf(3) itself needs for unusual conversions.
+    ///
+    /// A literal 0 as `timestamp` makes the call ambiguous with the string form, since 0 is also a
+    /// null pointer: pass time(nullptr) or a variable.
+    /// @param type 0 to 127. @param fmt must not be null.
+    /// @return as the raw form, but 1 has the text "writebaselog: not init", and only negative
+    ///   types are out of range.
+    int write_baselog(int8_t type, unsigned int timestamp, const char* fmt, ...)
+        __attribute__((format(printf, 4, 5)));
+
+    /// Escapes `src_data` for use in texts of key=value pairs joined by "&": NUL, tab, line feed,
+    /// carriage return, "%", "&" and "=" become a percent sign and two upper-case hexadecimal
+    /// digits. Replaces `dst_data`; the two may be the same string. Uses no state of the logger.
+    /// @return always 0
+    int encode(std::string& src_data, std::string& dst_data);
+
+    /// Changes the transport of application mode; see the constructor. No effect after init().
+    void set_socktype(int8_t st);
+
+    /// Exempts module-invocation records with this `result` from sampling. The results 0 to 15 can
+    /// be exempted; only the low five bits of `result` count (35 is 3), and 16 to 31 have no
+    /// effect.
+    void set_no_sample(int result);
+
+    /// Flips the exemption of `result`: ends one that set_no_sample() began, begins one otherwise.
+    void set_sample(int result);
+
+    /// @return a copy of the last failure's text, at most 1022 characters; empty if there was none.
+    std::string get_errmsg();
+
+    /// Frames a record and hands the request over instead of sending it. Works in both modes.
+    /// @param pBuff receives the request; release it with delete[]. @param retLen its length.
+    /// @param tmpData, tmpLen the record, at most 30720 bytes. @param logType 0 to 126.
+    /// @param proType 0: text body, 1: binary body. @param tm seconds since the epoch.
+    /// @return 0; otherwise, in the order of the tests and with `pBuff` and `retLen` untouched:
+    /// - 1: "pack_send_buff: logname is not init"
+    /// - 11: "pack_send_buff: data is null"
+    /// - 2: "pack: length is %u > %d"
+    /// - 12: "pack_send_buff error pro type[%d]"
+    /// - 13: "pack_send_buff error logtype[%d]"
+    int pack_send_buff(char*& pBuff, int& retLen, const char* tmpData, unsigned int tmpLen,
+                       int8_t logType, int8_t proType, unsigned int tm);
+
+    /// @return the log type under which statistics are written; 0 before they are switched on.
+    int8_t get_logtype();
+
+    /// @return the constructor's `isLock`.
+    bool get_lock();
+
+ private:
+    struct State;
+
+    int init(std::string logName, bool isModule);
+    void update_errmsg(const char* cErrmsg, ...) __attribute__((format(printf, 2, 3)));
+    int need_sample(int result);
+    int comm_write(const char* data, unsigned int len, int8_t logType, int8_t proType,
+                   unsigned int tm);
+    int write_formatted(int8_t type, unsigned int timestamp, const char* fmt, va_list arguments)
+        __attribute__((noinline));
+    int store(const char* request, uint32_t length, int res);
+    void frame(char* request, const char* data, unsigned int len, int8_t logType, int8_t proType,
+               unsigned int tm) const;
+    void write_bin_file(const char* data, unsigned int len, const char* fileName);
+    int get_filesize(const char* filename, unsigned int& size);
+    bool need_disaster(const char* fileName);
+
+    SocketClient* m_pSocketClient;
+    Sampling* m_pSampling;
+    pthread_rwlock_t m_errMsgrwlock;
+    std::string m_appname;
+    std::string m_errmsg;
+    int m_rspMsgLen;
+    int m_reqMsgHdrLen;
+    int m_addrLen;
+    bool m_needRsp;
+    int8_t m_socketType;
+    int m_iMid;
+    bool m_isInit;
+    uint16_t m_appnameLen;
+    uint16_t m_appnamePartLen;
+    std::atomic<int16_t> m_not_sample_flag;
+    bool m_needLock;
+    std::atomic<bool> m_isStat;
+    std::atomic<int8_t> m_type;
+    uint32_t m_stat_last_time;
+    uint32_t m_stat_interval;
+    uint32_t m_stat_count;
+    std::map<std::string, int> m_cur_stat_log;
+    std::map<std::string, std::map<std::string, int>> m_cur_stat_logs;
+    State* m_pState;
+};
+
+}  // namespace Quorvel
+
+#endif  // QVAPI_CPP_H

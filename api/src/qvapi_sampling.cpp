@@ -1,0 +1,163 @@
+#include "qvapi_sampling.h"
+
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <memory>
+#include <mutex>
+
+#include "fork_safety.h"
+
+namespace Quorvel {
+namespace {
+
+const char* const kMarkerFile = "/data/qvagent/qv_shm_sampling";
+const int kMinSegmentSize = 102800;
+const time_t kRetrySeconds = 60;
+
+enum Status : char { kNotInitialised = -1, kNoTable = 0, kNoSlot = 1, kSlotFound = 2 };
+
+const uint8_t kKeepAll = 1;
+const uint8_t kDropAll = 255;
+
+}  // namespace
+
+struct Sampling::State final : ForkMember {
+    std::mutex lookup;
+
+    State() { enrol(*this); }
+    ~State() { withdraw(*this); }
+
+    void lockForFork() override { lookup.lock(); }
+    void unlockAfterFork() override { lookup.unlock(); }
+    void renewInChild() override { new (&lookup) std::mutex; }
+};
+
+Sampling::Sampling()
+    : m_count(0),
+      m_shmPtr(nullptr),
+      m_shmID(-1),
+      m_status(kNotInitialised),
+      m_key(0),
+      m_size(0),
+      m_minIndex(-1),
+      m_maxIndex(-2),
+      m_index(-1),
+      m_lastGetTime(0),
+      m_pState(nullptr) {
+    const CallScope scope;
+    m_pState = new State;
+}
+
+Sampling::~Sampling() {
+    const CallScope scope;
+    if (m_shmPtr != nullptr) {
+        shmdt(m_shmPtr);
+    }
+    delete m_pState;
+}
+
+int Sampling::init(std::string& name, int shmKey, int shmSize) {
+    const CallScope scope;
+    m_appname = name;
+    m_key = shmKey;
+    m_size = shmSize;
+    const int ret = getShm(shmKey, shmSize);
+    return ret != 0 ? ret : findIndex();
+}
+
+int Sampling::getShm(int key, int size) {
+    m_lastGetTime = time(nullptr);
+    m_status = kNoTable;
+    m_shmID = shmget(key, size, IPC_CREAT | IPC_EXCL | 0666);
+    if (m_shmID < 0) {
+        m_shmID = shmget(key, size, 0666);
+    }
+    if (m_shmID < 0) {
+        return -1;
+    }
+    void* const address = shmat(m_shmID, nullptr, 0);
+    if (address == reinterpret_cast<void*>(-1)) {
+        return -1;
+    }
+    if (size < kMinSegmentSize) {
+        shmdt(address);
+        return -1;
+    }
+    m_shmPtr = static_cast<AppItem*>(address);
+    m_minIndex = 0;
+    m_maxIndex = size / static_cast<int>(sizeof(AppItem)) - 1;
+    m_status = kNoSlot;
+    return access(kMarkerFile, F_OK) == 0 ? 0 : -1;
+}
+
+int Sampling::findIndex() {
+    m_lastGetTime = time(nullptr);
+    const AppItem* const table = m_shmPtr;
+    if (table == nullptr) {
+        return -1;
+    }
+    for (int i = m_minIndex; i <= m_maxIndex; ++i) {
+        const AppItem& slot = table[i];
+        if (slot.isUsed == 0) {
+            return -1;
+        }
+        if (strnlen(slot.appname, sizeof(slot.appname)) == m_appname.size() &&
+            memcmp(slot.appname, m_appname.data(), m_appname.size()) == 0) {
+            m_index = i;
+            m_status = kSlotFound;
+            return 0;
+        }
+    }
+    return -2;
+}
+
+int Sampling::tryGetIndex() {
+    if (time(nullptr) - m_lastGetTime < kRetrySeconds) {
+        return 0;
+    }
+    const CallScope scope;
+    const std::unique_lock<std::mutex> guard(m_pState->lookup, std::try_to_lock);
+    if (!guard.owns_lock() || time(nullptr) - m_lastGetTime < kRetrySeconds) {
+        return 0;
+    }
+    return retryLookup();
+}
+
+int Sampling::retryLookup() {
+    if (m_status == kNoTable) {
+        const int ret = getShm(m_key, m_size);
+        if (ret != 0) {
+            return ret;
+        }
+    }
+    return m_status == kNoSlot ? findIndex() : 0;
+}
+
+uint8_t Sampling::getSampling(int8_t logType) {
+    if (logType < 0) {
+        return kKeepAll;
+    }
+    if (m_status.load(std::memory_order_acquire) == kSlotFound) {
+        const AppItem& slot =
+            m_shmPtr.load(std::memory_order_relaxed)[m_index.load(std::memory_order_relaxed)];
+        return __atomic_load_n(&slot.logTypeItems[logType].sampling, __ATOMIC_RELAXED);
+    }
+    tryGetIndex();
+    return kKeepAll;
+}
+
+bool Sampling::needFilter(int8_t logType) {
+    const uint8_t rate = getSampling(logType);
+    if (rate <= kKeepAll) {
+        return false;
+    }
+    if (rate == kDropAll) {
+        return true;
+    }
+    return (m_count.fetch_add(1, std::memory_order_relaxed) + 1) % rate != 0;
+}
+
+}  // namespace Quorvel

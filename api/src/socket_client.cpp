@@ -1,0 +1,391 @@
+#include "socket_client.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <mutex>
+
+#include "descriptor.h"
+#include "error_text.h"
+#include "fork_safety.h"
+#include "locks.h"
+#include "qvapi_errno.h"
+
+namespace Quorvel {
+namespace {
+
+const char* const kUnixPath = "/data/container2host/cqv";
+const char* const kAddress = "127.0.0.1";
+const uint16_t kPort = 20005;
+
+const int kConnectTimeoutMs = 150;
+const timeval kReceiveTimeout = {0, 150000};
+const timeval kSendTimeout = {0, 5000};
+const int kSendBuffer = 1048576;
+const int64_t kBackOffSeconds = 3;
+
+// A fork sees each socket either open and in its client's State::openFd, or not at all: opening
+// and closing are atomic under the lock, for clients without locks of their own too.
+class DescriptorLock final : public ForkMember {
+ public:
+    std::mutex mutex;
+
+    void lockForFork() override { mutex.lock(); }
+    void unlockAfterFork() override { mutex.unlock(); }
+    void renewInChild() override { new (&mutex) std::mutex; }
+};
+
+DescriptorLock descriptorLock;
+
+__attribute__((constructor)) void enrolDescriptorLock() {
+    enrol(descriptorLock);
+}
+
+}  // namespace
+
+struct SocketClient::State final : ForkMember {
+    explicit State(SocketClient& owner) : client(owner) { enrol(*this); }
+    ~State() { withdraw(*this); }
+
+    void lockForFork() override;
+    void unlockAfterFork() override;
+    void renewInChild() override;
+
+    SocketClient& client;
+    /// Taken before m_connLock, which is taken before m_errMsgrwlock. Held for a whole stream
+    /// write and for the closing that a failed one leads to.
+    std::mutex sendLock;
+    /// The descriptor that a forked child must close, also while it is still being connected.
+    std::atomic<int> openFd{-1};
+    /// Failed stream sends so far; changed under sendLock.
+    std::atomic<unsigned> failures{0};
+};
+
+void SocketClient::State::lockForFork() {
+    if (client.m_bNeedLock) {
+        sendLock.lock();
+        pthread_rwlock_wrlock(&client.m_connLock);
+        pthread_rwlock_wrlock(&client.m_errMsgrwlock);
+    }
+}
+
+void SocketClient::State::unlockAfterFork() {
+    if (client.m_bNeedLock) {
+        pthread_rwlock_unlock(&client.m_errMsgrwlock);
+        pthread_rwlock_unlock(&client.m_connLock);
+        sendLock.unlock();
+    }
+}
+
+void SocketClient::State::renewInChild() {
+    const int fd = openFd.exchange(-1);
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (client.m_bConnected.exchange(false)) {
+        client.m_iLastConnTime = 0;
+    }
+    if (client.m_bNeedLock) {
+        new (&sendLock) std::mutex;
+        pthread_rwlock_init(&client.m_connLock, nullptr);
+        pthread_rwlock_init(&client.m_errMsgrwlock, nullptr);
+    }
+}
+
+SocketClient::SocketClient()
+    : m_iFd(-1),
+      m_cSocketType(0),
+      m_bConnected(false),
+      m_iLastConnTime(0),
+      m_serverAddr_un(),
+      m_serverAddr_in(),
+      m_bNeedLock(false),
+      m_connLock(),
+      m_errMsgrwlock(),
+      m_noAgent(false),
+      m_pState(nullptr) {
+    const CallScope scope;
+    m_strErrmsg.reserve(kErrorTextSize);
+    m_pState = new State(*this);
+}
+
+SocketClient::~SocketClient() {
+    const CallScope scope;
+    if (m_bConnected) {
+        disconnect(m_iFd);
+    }
+    delete m_pState;
+    if (m_bNeedLock) {
+        pthread_rwlock_destroy(&m_connLock);
+        pthread_rwlock_destroy(&m_errMsgrwlock);
+    }
+}
+
+int SocketClient::init(int8_t sockType, bool isLock) {
+    const CallScope scope;
+    m_cSocketType = sockType;
+    if (sockType != 0) {
+        memset(&m_serverAddr_in, 0, sizeof(m_serverAddr_in));
+        m_serverAddr_in.sin_family = AF_INET;
+        m_serverAddr_in.sin_addr.s_addr = inet_addr(kAddress);
+        m_serverAddr_in.sin_port = htons(kPort);
+    } else {
+        memset(&m_serverAddr_un, 0, sizeof(m_serverAddr_un));
+        m_serverAddr_un.sun_family = AF_UNIX;
+        snprintf(m_serverAddr_un.sun_path, sizeof(m_serverAddr_un.sun_path), "%s", kUnixPath);
+    }
+    m_iFd = -1;
+    m_bConnected = false;
+    if (isLock) {
+        pthread_rwlock_init(&m_errMsgrwlock, nullptr);
+        pthread_rwlock_init(&m_connLock, nullptr);
+    }
+    m_bNeedLock = isLock;
+    m_iLastConnTime = 0;
+    m_noAgent = false;
+    return QV_ERR_OK;
+}
+
+int SocketClient::sendWithoutRecv(char* buff, int length, bool lock) {
+    const CallScope scope;
+    return sendWithoutRecv(buff, length, lock, nullptr);
+}
+
+int SocketClient::sendWithoutRecv(char* buff, int length, bool lock, char* failure) {
+    if (buff == nullptr) {
+        update_errmsg("sendWithoutRecv buff is null");
+        return QV_ERR_NULL_BUFFER;
+    }
+    if (length <= 0) {
+        update_errmsg("sendWithoutRecv buff length %d", length);
+        return QV_ERR_BUFFER_LENGTH;
+    }
+    return m_cSocketType > 1 ? udp_write(buff, length, failure)
+                             : stream_write(buff, length, lock, failure);
+}
+
+int SocketClient::stream_write(char* buff, int length, bool lock, char* failure) {
+    const unsigned failures = m_pState->failures;
+    const auto turn = lockIf(lock, m_pState->sendLock);
+    // Whoever waited while another's send failed shares that failure: repeating it would add its
+    // waiting to the waiting that is over.
+    const bool shared = !m_bConnected && failures != m_pState->failures;
+    const int res = shared ? QV_ERR_CONNECT : connected_write(buff, length, lock);
+    if (res != QV_ERR_OK) {
+        m_pState->failures = m_pState->failures + 1;
+        copy_errmsg(failure);
+    }
+    return res;
+}
+
+int SocketClient::connected_write(char* buff, int length, bool lock) {
+    const int fd = m_bConnected ? m_iFd : conn(lock);
+    if (fd < 0) {
+        return QV_ERR_CONNECT;
+    }
+    const int res = tcp_write(fd, buff, length);
+    if (res == length) {
+        return QV_ERR_OK;
+    }
+    disconnect(fd);
+    update_errmsg("sendWithoutRecv buff length %d, write res %d", length, res);
+    return QV_ERR_WRITE;
+}
+
+int SocketClient::conn(bool lock) {
+    const WriteGuard guard(m_connLock, lock);
+    if (!needRetry()) {
+        return -1;
+    }
+    const int fd = real_conn();
+    if (fd < 0) {
+        return -1;
+    }
+    const int res = set_block(fd);
+    if (res != 0) {
+        update_errmsg("setblock error:%d", res);
+        disconnect(fd);
+        return -1;
+    }
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kReceiveTimeout, sizeof(kReceiveTimeout));
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
+    return fd;
+}
+
+bool SocketClient::needRetry() {
+    const int64_t now = time(nullptr);
+    const int64_t allowed = m_iLastConnTime + kBackOffSeconds;
+    if (now < allowed) {
+        update_errmsg("return directly and will retry after [%d] seconds",
+                      static_cast<int>(allowed - now));
+        return false;
+    }
+    m_iLastConnTime = static_cast<uint32_t>(now);
+    return true;
+}
+
+int SocketClient::real_conn() {
+    const bool local = m_cSocketType == 0;
+    const int fd = open_socket(local ? AF_UNIX : AF_INET, SOCK_STREAM);
+    if (fd < 0) {
+        update_errmsg("create socket error:%d", fd);
+        return -1;
+    }
+    const int res = set_non_block(fd);
+    if (res != 0) {
+        update_errmsg("setnonblock error:%d", res);
+    } else if (start_connect(fd, local)) {
+        m_iFd = fd;
+        m_bConnected = true;
+        return fd;
+    }
+    disconnect(fd);
+    return -1;
+}
+
+bool SocketClient::start_connect(int fd, bool local) {
+    const auto* const address = local ? reinterpret_cast<const sockaddr*>(&m_serverAddr_un)
+                                      : reinterpret_cast<const sockaddr*>(&m_serverAddr_in);
+    if (connect(fd, address, local ? sizeof(m_serverAddr_un) : sizeof(m_serverAddr_in)) == 0) {
+        return true;
+    }
+    if (errno != EINPROGRESS && errno != EAGAIN) {
+        update_errmsg("connect failed:[%m]");
+        return false;
+    }
+    return finish_connect(fd);
+}
+
+bool SocketClient::finish_connect(int fd) {
+    pollfd entry = {fd, POLLIN | POLLOUT, 0};
+    const int ret = poll(&entry, 1, kConnectTimeoutMs);
+    if (ret < 0) {
+        update_errmsg("poll erro,ret:[%d],fd:[%d]", ret, fd);
+        return false;
+    }
+    if (ret > 0 && (entry.revents & (POLLIN | POLLOUT)) != 0) {
+        int error = 0;
+        socklen_t length = sizeof(error);
+        if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+            update_errmsg("1 syncConnect connect timeout. ret[%d] %m", ret);
+            return false;
+        }
+        if (error != 0) {
+            update_errmsg("2 syncConnect connect timeout. ret[%d] error[%d] %m", ret, error);
+            return false;
+        }
+        return true;
+    }
+    if (ret > 0 && (entry.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
+        update_errmsg("POLL except error,ret:[%d], fd:[%d]", ret, fd);
+        return false;
+    }
+    update_errmsg("syncConnect connect timeout. %d %m", ret);
+    return false;
+}
+
+int SocketClient::set_non_block(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    return flags == -1 ? -1 : fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+int SocketClient::set_block(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    return flags < 0 ? -1 : fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+}
+
+int SocketClient::tcp_write(int fd, char* buff, int length) {
+    int left = length;
+    while (left > 0) {
+        const ssize_t res = send(fd, buff + (length - left), left, MSG_NOSIGNAL);
+        if (res <= 0) {
+            break;
+        }
+        left -= static_cast<int>(res);
+    }
+    return length - left;
+}
+
+int SocketClient::udp_write(char* buff, int length, char* failure) {
+    if (!m_noAgent && (m_bConnected || udp_open()) &&
+        send(m_iFd, buff, length, MSG_NOSIGNAL) == length) {
+        return QV_ERR_OK;
+    }
+    const int error = errno;
+    const auto turn = lockIf(m_bNeedLock, m_pState->sendLock);
+    if (!m_noAgent) {
+        errno = error;
+        update_errmsg("send udp message failed error[%d] errmsg[%m]", error);
+    }
+    copy_errmsg(failure);
+    return QV_ERR_DATAGRAM;
+}
+
+bool SocketClient::udp_open() {
+    const auto turn = lockIf(m_bNeedLock, m_pState->sendLock);
+    if (m_bConnected) {
+        return true;
+    }
+    const int fd = open_socket(AF_INET, SOCK_DGRAM);
+    if (fd < 0) {
+        return false;
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&m_serverAddr_in), sizeof(m_serverAddr_in)) !=
+            0 ||
+        set_non_block(fd) != 0) {
+        const int error = errno;
+        disconnect(fd);
+        errno = error;
+        return false;
+    }
+    m_iFd = fd;
+    m_bConnected = true;
+    return true;
+}
+
+int SocketClient::open_socket(int family, int type) {
+    const std::lock_guard<std::mutex> guard(descriptorLock.mutex);
+    const int fd = aboveStandardStreams(socket(family, type | SOCK_CLOEXEC, 0));
+    m_pState->openFd = fd;
+    return fd;
+}
+
+// Forgets the descriptor before it closes it: a child forked from a signal handler in between keeps
+// a socket too many, and never closes a file that has taken the number.
+void SocketClient::disconnect(int fd) {
+    const std::lock_guard<std::mutex> guard(descriptorLock.mutex);
+    m_bConnected = false;
+    m_pState->openFd = -1;
+    close(fd);
+}
+
+void SocketClient::update_errmsg(const char* cErrmsg, ...) {
+    va_list arguments;
+    va_start(arguments, cErrmsg);
+    setErrorText(m_strErrmsg, m_errMsgrwlock, m_bNeedLock, cErrmsg, arguments);
+    va_end(arguments);
+}
+
+void SocketClient::copy_errmsg(char* text) {
+    if (text != nullptr) {
+        const ReadGuard guard(m_errMsgrwlock, m_bNeedLock);
+        text[m_strErrmsg.copy(text, kErrorTextSize - 1)] = '\0';
+    }
+}
+
+std::string SocketClient::get_errmsg() {
+    const CallScope scope;
+    const ReadGuard guard(m_errMsgrwlock, m_bNeedLock);
+    return m_strErrmsg;
+}
+
+}  // namespace Quorvel
