@@ -3,26 +3,29 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 
-#include "descriptor.h"
 #include "error_text.h"
+#include "fallback_file.h"
 #include "fork_safety.h"
 #include "locks.h"
+#include "modulemsg.h"
 #include "qvapi_sampling.h"
 #include "qvapimsg.h"
+#include "record_text.h"
 #include "socket_client.h"
+#include "stat_threads.h"
 
 namespace Quorvel {
 namespace {
@@ -46,112 +49,49 @@ const int8_t kModuleLogType = 127;
 const char* const kFallbackFile = "/data/qvagent/msgdat.dat";
 const unsigned int kMaxFallbackSize = 1000000000;
 
-const size_t kFormatSize = 2048;
 const size_t kTextSize = 30720;
 
-// One append at a time in this process, for loggers without locks too: a forked child inherits no
-// handle of the file, and comparing with the file-size limit holds for the write that follows.
-class AppendLock final : public ForkMember {
- public:
-    std::mutex mutex;
+const int kTypeId = 1000238;
+const uint32_t kModuleVersion = 2;
+const size_t kMaxAddressLength = 32;
+const int kDropped = -1;
 
-    void lockForFork() override { mutex.lock(); }
-    void unlockAfterFork() override { mutex.unlock(); }
-    void renewInChild() override { new (&mutex) std::mutex; }
-};
+const size_t kMaxStatText = 1023;
+const std::chrono::seconds kStatPause(1);
 
-AppendLock appendLock;
+using StatMap = std::map<std::string, int>;
+using StatBatch = std::map<std::string, StatMap>;
 
-__attribute__((constructor)) void enrolAppendLock() {
-    enrol(appendLock);
+// A record of n calls stands for n times one call's value, modulo 2^32.
+int times(int rate, int value) {
+    return static_cast<int>(static_cast<uint32_t>(rate) * static_cast<uint32_t>(value));
 }
 
-// Opens without waiting, and nothing but a regular file: not a FIFO's reader nor a device.
-int openRegular(const char* fileName, int flags, struct stat& status) {
-    const int fd =
-        aboveStandardStreams(open(fileName, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
-    if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// Writes the whole record or, where the process's file-size limit is in the way, nothing. Other
-// processes append between the comparison and the write, so the signal that a refused write sends
-// to this thread is kept from it; one that was pending before is the application's and stays.
-void appendRecord(int fd, const char* data, unsigned int len, off_t size) {
-    rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    if (limit.rlim_cur == RLIM_INFINITY) {
-        (void)!write(fd, data, len);
-        return;
-    }
-    if (static_cast<rlim_t>(size) + len > limit.rlim_cur) {
-        return;
-    }
-    sigset_t exceeded;
-    sigset_t mask;
-    sigset_t pending;
-    sigemptyset(&exceeded);
-    sigaddset(&exceeded, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &exceeded, &mask);
-    sigpending(&pending);
-    if (write(fd, data, len) < 0 && errno == EFBIG && sigismember(&pending, SIGXFSZ) == 0) {
-        const timespec none = {0, 0};
-        sigtimedwait(&exceeded, nullptr, &none);
-    }
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-}
-
-// Copies `fmt` behind "_msg=", with a tab before each percent sign but one at its very start. The
-// signs of a conversion that ends in a percent sign ("%%", "% 5%") are doubled, so that the
-// formatter prints them and cannot take the text behind the tab for a conversion.
-void rewriteFormat(const char* fmt, char (&area)[kFormatSize]) {
-    const size_t limit = kFormatSize - 1;
-    size_t length = static_cast<size_t>(snprintf(area, sizeof(area), "_msg="));
-    const char* literalEnd = fmt;
-    for (const char* p = fmt; *p != '\0' && length < limit; ++p) {
-        if (*p != '%') {
-            area[length++] = *p;
-            continue;
-        }
-        if (p >= literalEnd) {
-            const char* const conversion = p + 1 + strspn(p + 1, "-+ #0'I123456789.*$hlqLjzt");
-            literalEnd = *conversion == '%' ? conversion + 1 : p;
-        }
-        if (p != fmt) {
-            area[length++] = '\t';
-        }
-        const size_t signs = p < literalEnd ? 2 : 1;
-        if (length + signs > limit) {
-            break;
-        }
-        memset(area + length, '%', signs);
-        length += signs;
-    }
-    area[length] = '\0';
-}
-
-const char* escapeOf(char byte) {
-    switch (byte) {
-        case '\0':
-            return "%00";
-        case '\t':
-            return "%09";
-        case '\n':
-            return "%0A";
-        case '\r':
-            return "%0D";
-        case '%':
-            return "%25";
-        case '&':
-            return "%26";
-        case '=':
-            return "%3D";
+int combine(int stored, int value, int kind) {
+    switch (kind) {
+        case QV_STAT_TYPE_MIN:
+            return std::min(stored, value);
+        case QV_STAT_TYPE_MAX:
+            return std::max(stored, value);
         default:
-            return nullptr;
+            return static_cast<int>(static_cast<uint32_t>(stored) + static_cast<uint32_t>(value));
     }
+}
+
+void merge(StatMap& stored, const StatMap& values, int kind) {
+    if (kind < QV_STAT_TYPE_COUNT || kind > QV_STAT_TYPE_MAX) {
+        return;
+    }
+    for (const auto& [name, value] : values) {
+        const auto [entry, added] = stored.try_emplace(name, value);
+        if (!added) {
+            entry->second = combine(entry->second, value, kind);
+        }
+    }
+}
+
+void appendStatText(std::string& record, const char* text) {
+    record.append(text, strnlen(text, kMaxStatText - record.size()));
 }
 
 }  // namespace
@@ -165,9 +105,22 @@ struct CLogger::State final : ForkMember {
     void renewInChild() override;
 
     CLogger& logger;
+    /// Guards the open batch and the settings of statistics.
+    std::mutex statLock;
+    std::atomic<bool> queueLockExists{false};
+    /// Guards the change of `stopping`, for which idle statistics threads wait.
+    std::mutex stopLock;
+    std::condition_variable stop;
+    std::atomic<bool> stopping{false};
 };
 
 void CLogger::State::lockForFork() {
+    if (logger.m_needLock) {
+        statLock.lock();
+    }
+    if (queueLockExists) {
+        pthread_rwlock_wrlock(&logger.m_queue_lock);
+    }
     if (logger.m_needLock) {
         pthread_rwlock_wrlock(&logger.m_errMsgrwlock);
     }
@@ -177,9 +130,21 @@ void CLogger::State::unlockAfterFork() {
     if (logger.m_needLock) {
         pthread_rwlock_unlock(&logger.m_errMsgrwlock);
     }
+    if (queueLockExists) {
+        pthread_rwlock_unlock(&logger.m_queue_lock);
+    }
+    if (logger.m_needLock) {
+        statLock.unlock();
+    }
 }
 
 void CLogger::State::renewInChild() {
+    new (&statLock) std::mutex;
+    new (&stopLock) std::mutex;
+    new (&stop) std::condition_variable;
+    if (queueLockExists) {
+        pthread_rwlock_init(&logger.m_queue_lock, nullptr);
+    }
     if (logger.m_needLock) {
         pthread_rwlock_init(&logger.m_errMsgrwlock, nullptr);
     }
@@ -218,17 +183,19 @@ CLogger::CLogger(int8_t tmpSocketType, bool isLock)
 
 CLogger::~CLogger() {
     const CallScope scope;
+    end_stat_threads();
     delete m_pSocketClient;
     delete m_pSampling;
+    if (m_pState->queueLockExists) {
+        pthread_rwlock_destroy(&m_queue_lock);
+    }
     delete m_pState;
     if (m_needLock) {
         pthread_rwlock_destroy(&m_errMsgrwlock);
     }
 }
 
-int CLogger::init(std::string logName) {
-    return init(std::move(logName), false);
-}
+int CLogger::init(std::string logName) { return init(std::move(logName), false); }
 
 int CLogger::init(int mid) {
     char text[16] = {};
@@ -275,9 +242,7 @@ int CLogger::init(std::string logName, bool isModule) {
     return QV_ERR_OK;
 }
 
-void CLogger::set_socktype(int8_t st) {
-    m_socketType = st;
-}
+void CLogger::set_socktype(int8_t st) { m_socketType = st; }
 
 void CLogger::set_no_sample(int result) {
     const int bit = result & 31;
@@ -298,13 +263,9 @@ int CLogger::need_sample(int result) {
     return ((exempt >> (result & 31)) & 1U) == 0 ? 1 : 0;
 }
 
-int8_t CLogger::get_logtype() {
-    return m_type;
-}
+int8_t CLogger::get_logtype() { return m_type; }
 
-bool CLogger::get_lock() {
-    return m_needLock;
-}
+bool CLogger::get_lock() { return m_needLock; }
 
 void CLogger::update_errmsg(const char* cErrmsg, ...) {
     const CallScope scope;
@@ -390,6 +351,292 @@ int CLogger::write_formatted(int8_t type, unsigned int timestamp, const char* fm
     return comm_write(text, static_cast<unsigned int>(length), type, 0, timestamp);
 }
 
+struct CLogger::ModuleCall {
+    int mid;
+    int sid;
+    int ifid;
+    const std::string* fip;  ///< null: 0.0.0.0
+    const std::string& mip;
+    const std::string& sip;
+    int retval;
+    int result;
+    int delay;
+    int reqLen;
+    int rspLen;
+
+    bool fipTooLong() const { return fip->size() > kMaxAddressLength; }
+    in_addr_t fipAddress() const { return fip != nullptr ? inet_addr(fip->c_str()) : 0; }
+};
+
+int CLogger::write_modulelog(int sid, int ifid, std::string& mip, std::string& sip, int retval,
+                             int result, int delay) {
+    return write_modulelog(
+        ModuleCall{m_iMid, sid, ifid, nullptr, mip, sip, retval, result, delay, 0, 0});
+}
+
+int CLogger::write_modulelog(int sid, int ifid, std::string& fip, std::string& mip,
+                             std::string& sip, int retval, int result, int delay, int reqLen,
+                             int rspLen) {
+    return write_modulelog(m_iMid, sid, ifid, fip, mip, sip, retval, result, delay, reqLen, rspLen);
+}
+
+int CLogger::write_modulelog(int mid, int sid, int ifid, std::string& fip, std::string& mip,
+                             std::string& sip, int retval, int result, int delay, int reqLen,
+                             int rspLen) {
+    const ModuleCall call{mid, sid, ifid, &fip, mip, sip, retval, result, delay, reqLen, rspLen};
+    return call.fipTooLong() ? fip_too_long() : write_modulelog(call);
+}
+
+int CLogger::write_modulelog_forIM(int sid, int ifid, std::string& mip, std::string& sip,
+                                   int retval, int result, int delay) {
+    return write_modulelog_forIM(
+        ModuleCall{m_iMid, sid, ifid, nullptr, mip, sip, retval, result, delay, 0, 0});
+}
+
+int CLogger::write_modulelog_forIM(int sid, int ifid, std::string& fip, std::string& mip,
+                                   std::string& sip, int retval, int result, int delay, int reqLen,
+                                   int rspLen) {
+    return write_modulelog_forIM(m_iMid, sid, ifid, fip, mip, sip, retval, result, delay, reqLen,
+                                 rspLen);
+}
+
+int CLogger::write_modulelog_forIM(int mid, int sid, int ifid, std::string& fip, std::string& mip,
+                                   std::string& sip, int retval, int result, int delay, int reqLen,
+                                   int rspLen) {
+    const ModuleCall call{mid, sid, ifid, &fip, mip, sip, retval, result, delay, reqLen, rspLen};
+    return call.fipTooLong() ? fip_too_long() : write_modulelog_forIM(call);
+}
+
+int CLogger::fip_too_long() {
+    update_errmsg("write_modulelog: fip addr length invalid");
+    return QV_ERR_ADDRESS_LENGTH;
+}
+
+// Leaves in `rate` how many calls the record stands for, or kDropped.
+int CLogger::check_module(const ModuleCall& call, int8_t logType, int& rate) {
+    if (!m_isInit) {
+        update_errmsg("writemodulelog: is not init");
+        return QV_ERR_INIT;
+    }
+    if (m_iMid == -1) {
+        update_errmsg("write_modulelog: init error");
+        return QV_ERR_INIT;
+    }
+    if (call.delay < 0 || call.sid <= 0 || call.ifid <= 0 || call.mid <= 0) {
+        update_errmsg("write_modulelog: delay[%d] mid[%d] sid[%d] ifid[%d] error", call.delay,
+                      call.mid, call.sid, call.ifid);
+        return QV_ERR_ARGUMENT;
+    }
+    if (call.reqLen < 0 || call.rspLen < 0) {
+        update_errmsg("write_modulelog: reqLen[%d] rspLen[%d] error", call.reqLen, call.rspLen);
+        return QV_ERR_ARGUMENT;
+    }
+    rate = 1;
+    if (need_sample(call.result) != 0) {
+        if (m_pSampling->needFilter(logType)) {
+            rate = kDropped;
+            return QV_ERR_OK;
+        }
+        rate = m_pSampling->fetchSampling(logType);
+    }
+    if (call.mip.size() > kMaxAddressLength || call.sip.size() > kMaxAddressLength) {
+        update_errmsg("write_modulelog: ip addr length invalid");
+        return QV_ERR_ADDRESS_LENGTH;
+    }
+    return QV_ERR_OK;
+}
+
+int CLogger::write_modulelog(const ModuleCall& call) {
+    int rate = 0;
+    const int res = check_module(call, kModuleLogType, rate);
+    if (res != QV_ERR_OK || rate == kDropped) {
+        return res;
+    }
+    const CallScope scope;
+    struct {
+        ModuleInvokeMsg invoke;
+        ReservedData reserved;
+    } body = {};
+    ModuleInvokeMsg& invoke = body.invoke;
+    invoke.uiTime = static_cast<uint32_t>(time(nullptr));
+    invoke.uiVer = kModuleVersion;
+    invoke.iMid = call.mid;
+    invoke.iSid = call.sid;
+    invoke.iInterfaceid = call.ifid;
+    invoke.uiMip = inet_addr(call.mip.c_str());
+    invoke.uiSip = inet_addr(call.sip.c_str());
+    invoke.iRetVal = call.retval;
+    invoke.iResult = call.result;
+    invoke.iDelay = times(rate, call.delay);
+    invoke.iMaxDelay = call.delay;
+    invoke.iMinDelay = call.delay;
+    invoke.fAvgDelay = static_cast<float>(call.delay);
+    invoke.ullCnt = static_cast<uint64_t>(rate);
+    invoke.ullTotalDelay = static_cast<uint64_t>(int64_t{invoke.iDelay});
+    invoke.uiFip = call.fipAddress();
+    body.reserved.ullTotalReqPacketSize = static_cast<uint64_t>(int64_t{times(rate, call.reqLen)});
+    body.reserved.ullTotalRspPacketSize = static_cast<uint64_t>(int64_t{times(rate, call.rspLen)});
+    static_assert(sizeof(body) == 172, "the agent reads these bytes");
+    return comm_write(reinterpret_cast<const char*>(&body), sizeof(body), kModuleLogType, 1,
+                      static_cast<unsigned int>(time(nullptr)));
+}
+
+int CLogger::write_modulelog_forIM(const ModuleCall& call) {
+    int rate = 0;
+    const int res = check_module(call, LT_NORMAL, rate);
+    if (res != QV_ERR_OK || rate == kDropped) {
+        return res;
+    }
+    const CallScope scope;
+    const int count = std::max(rate, 1);
+    const ModuleText values = {
+        {kTypeId, static_cast<int>(time(nullptr)), call.mid, call.sid, call.ifid},
+        {call.fipAddress(), inet_addr(call.mip.c_str()), inet_addr(call.sip.c_str())},
+        {call.result, call.retval, count, times(count, call.delay), call.delay, call.delay,
+         call.delay, times(count, call.reqLen), times(count, call.rspLen)}};
+    char text[kModuleTextSize];
+    const size_t length = formatModuleText(values, text);
+    return comm_write(text, static_cast<unsigned int>(length), LT_NORMAL, 0,
+                      static_cast<unsigned int>(time(nullptr)));
+}
+
+int CLogger::set_stat(bool flag, int8_t t, unsigned int interval, unsigned int count) {
+    const CallScope scope;
+    if (!m_isInit) {
+        update_errmsg("writebaselog: is not init");
+        return QV_ERR_INIT;
+    }
+    const auto merging = lockIf(m_needLock, m_pState->statLock);
+    m_isStat = flag;
+    m_type = t;
+    m_stat_interval = interval;
+    m_stat_count = count;
+    if (!flag) {
+        return QV_ERR_OK;
+    }
+    if (!m_pState->queueLockExists) {
+        pthread_rwlock_init(&m_queue_lock, nullptr);
+        m_pState->queueLockExists = true;
+    }
+    std::unique_lock<std::mutex> starting(statThreads.mutex);
+    const int res = statThreads.start(this);
+    starting.unlock();
+    if (res != 0) {
+        update_errmsg("start statistical thread error");
+    }
+    return res;
+}
+
+int CLogger::write_statlogs(const std::string& data, std::map<std::string, int>& statistics,
+                            int stattype, unsigned int timestamp) {
+    const CallScope scope;
+    if (!m_isStat) {
+        update_errmsg("write statlog: is not open, please call set_stat(true)");
+        return QV_ERR_INIT;
+    }
+    if (data.empty()) {
+        update_errmsg("write_baselog: data empty");
+        return QV_ERR_LENGTH;
+    }
+    const auto merging = lockIf(m_needLock, m_pState->statLock);
+    if (timestamp - m_stat_last_time >= m_stat_interval || m_cur_stat_logs.size() >= m_stat_count) {
+        const int res = ensure_stat_thread();
+        if (res != 0) {
+            return res;
+        }
+        close_batch(timestamp);
+    }
+    merge(m_cur_stat_logs[data], statistics, stattype);
+    return QV_ERR_OK;
+}
+
+int CLogger::ensure_stat_thread() {
+    std::unique_lock<std::mutex> probing(statThreads.mutex);
+    if (!statThreads.gone()) {
+        return 0;
+    }
+    const int res = statThreads.start(this);
+    probing.unlock();
+    update_errmsg("the statistical thread did not exists or already quit");
+    if (res != 0) {
+        update_errmsg("start statistical thread again error");
+    }
+    return res;
+}
+
+void CLogger::close_batch(unsigned int timestamp) {
+    {
+        const WriteGuard guard(m_queue_lock);
+        m_stat_log_queues.push(std::move(m_cur_stat_logs));
+    }
+    m_cur_stat_logs.clear();
+    m_stat_last_time = timestamp;
+}
+
+bool CLogger::take_batch(StatBatch& batch) {
+    const WriteGuard guard(m_queue_lock);
+    if (m_stat_log_queues.empty()) {
+        return false;
+    }
+    batch = std::move(m_stat_log_queues.front());
+    m_stat_log_queues.pop();
+    return true;
+}
+
+void CLogger::serve_batches() {
+    while (!m_pState->stopping) {
+        StatBatch batch;
+        if (take_batch(batch)) {
+            write_batch(batch);
+            continue;
+        }
+        std::unique_lock<std::mutex> guard(m_pState->stopLock);
+        m_pState->stop.wait_for(guard, kStatPause, [this] { return m_pState->stopping.load(); });
+    }
+}
+
+void CLogger::write_batch(const StatBatch& batch) {
+    for (auto entry = batch.begin(); entry != batch.end() && !m_pState->stopping; ++entry) {
+        try {
+            std::string record;
+            record.reserve(kMaxStatText);
+            appendStatText(record, entry->first.c_str());
+            for (const auto& [name, value] : entry->second) {
+                char number[kLongestInt + 1] = {};
+                appendNumber(number, value);
+                appendStatText(record, "&");
+                appendStatText(record, name.c_str());
+                appendStatText(record, "=");
+                appendStatText(record, number);
+            }
+            write_baselog(m_type, record, true, static_cast<unsigned int>(time(nullptr)));
+        } catch (const std::exception&) {
+            // Out of memory costs this record. Nothing wider is caught: the thread library ends
+            // threads by exceptions of its own.
+        }
+    }
+}
+
+void CLogger::end_stat_threads() {
+    {
+        const std::lock_guard<std::mutex> guard(m_pState->stopLock);
+        m_pState->stopping = true;
+    }
+    m_pState->stop.notify_all();
+    StatThreads::Thread* ended = nullptr;
+    {
+        const std::lock_guard<std::mutex> guard(statThreads.mutex);
+        ended = statThreads.forget(this);
+    }
+    while (ended != nullptr) {
+        const std::unique_ptr<StatThreads::Thread> thread(ended);
+        ended = thread->older;
+        if (thread->running) {
+            pthread_join(thread->id, nullptr);
+        }
+    }
+}
+
 int CLogger::encode(std::string& src_data, std::string& dst_data) {
     const CallScope scope;
     std::string escaped;
@@ -454,8 +701,8 @@ int CLogger::comm_write(const char* data, unsigned int len, int8_t logType, int8
     const std::unique_ptr<char[]> request(new char[length]);
     frame(request.get(), data, len, logType, proType, tm);
     char failure[kErrorTextSize];
-    const int res = m_pSocketClient->sendWithoutRecv(request.get(), static_cast<int>(length),
-                                                     m_needLock, failure);
+    const int res =
+        m_pSocketClient->deliver(request.get(), static_cast<int>(length), m_needLock, failure);
     if (res == QV_ERR_OK) {
         return res;
     }
@@ -468,25 +715,23 @@ void CLogger::frame(char* request, const char* data, unsigned int len, int8_t lo
                     int8_t proType, unsigned int tm) const {
     const uint32_t bodyLength = m_appnamePartLen + len;
     const bool longForm = bodyLength > kMaxShortBody;
-    ApiReqMsgHeader header = {};
-    header.cmd = proType == 0 ? kTextCommand : kBinaryCommand;
-    header.logType = static_cast<uint8_t>(logType) | 0x80U;
-    header.len = longForm ? 0 : htons(static_cast<uint16_t>(bodyLength));
-    header.ver = htons(kProtocolVersion);
-    header.flag = htons(longForm ? kLongForm : kShortForm);
-    header.timestamp = htonl(tm);
-    header.reservedInt = longForm ? htonl(bodyLength) : 0;
+    auto* const header = new (request) ApiReqMsgHeader;
+    header->cmd = proType == 0 ? kTextCommand : kBinaryCommand;
+    header->logType = static_cast<uint8_t>(logType) | 0x80U;
+    header->len = longForm ? 0 : htons(static_cast<uint16_t>(bodyLength));
+    header->ver = htons(kProtocolVersion);
+    header->flag = htons(longForm ? kLongForm : kShortForm);
+    header->timestamp = htonl(tm);
+    header->reservedInt = longForm ? htonl(bodyLength) : 0;
+    char* const name = request + sizeof(*header);
     const uint16_t nameLength = htons(m_appnameLen);
-
-    memcpy(request, &header, sizeof(header));
-    request += m_reqMsgHdrLen;
-    memcpy(request, &nameLength, sizeof(nameLength));
-    memcpy(request + sizeof(nameLength), m_appname.data(), m_appnameLen);
-    memcpy(request + m_appnamePartLen, data, len);
+    memcpy(name, &nameLength, sizeof(nameLength));
+    memcpy(name + sizeof(nameLength), m_appname.data(), m_appnameLen);
+    memcpy(name + m_appnamePartLen, data, len);
 }
 
 int CLogger::store(const char* request, uint32_t length, int res) {
-    const std::lock_guard<std::mutex> guard(appendLock.mutex);
+    const std::lock_guard<std::mutex> guard(appendLock());
     if (!need_disaster(kFallbackFile)) {
         return QV_ERR_FALLBACK_FULL;
     }
@@ -530,3 +775,8 @@ void CLogger::write_bin_file(const char* data, unsigned int len, const char* fil
 }
 
 }  // namespace Quorvel
+
+void* StartStatThreads(void* arg) {
+    static_cast<Quorvel::CLogger*>(arg)->serve_batches();
+    return nullptr;
+}

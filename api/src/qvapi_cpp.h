@@ -12,7 +12,10 @@
 
 #include "qvapi_errno.h"
 
-/// The namespace of everything that the library declares.
+/// The statistics threads' start routine; `arg` is the CLogger. set_stat() and write_statlogs()
+/// start and the logger's destructor ends them: not to be called.
+void* StartStatThreads(void* arg);
+
 namespace Quorvel {
 
 class Sampling;
@@ -21,9 +24,17 @@ class SocketClient;
 /// The ordinary log type.
 const int8_t LT_NORMAL = 0;
 
+/// How the values of a call of write_statlogs() combine with what is stored under their names. A
+/// name not yet stored takes the value. Sums wrap modulo 2^32.
+const int QV_STAT_TYPE_COUNT = 0;  ///< adds the value (pass 1 to count one event)
+const int QV_STAT_TYPE_SUM = 1;    ///< adds the value
+const int QV_STAT_TYPE_MIN = 2;    ///< keeps the smaller one
+const int QV_STAT_TYPE_MAX = 3;    ///< keeps the larger one
+
 /// Hands log records to the collection agent on this host. A logger is initialised once, either
-/// with an application name (application mode: base logs) or with a module id (module mode), and
-/// then writes records, each framed and sent on the caller's thread without waiting for a reply.
+/// with an application name (application mode: base logs and statistics) or with a module id
+/// (module mode: module-invocation records), and then writes records, each framed and sent on the
+/// caller's thread without waiting for a reply.
 ///
 /// Delivery. A record goes to the agent in one request. On a stream transport that cannot take it,
 /// the request is appended to the fallback file "/data/qvagent/msgdat.dat", as long as that file is
@@ -43,6 +54,22 @@ const int8_t LT_NORMAL = 0;
 ///
 /// Stack. Every operation works on a thread with a stack of 32 KiB, except the formatted form of
 /// write_baselog.
+///
+/// fork. With `isLock` true, a child forked at any moment may use its inherited loggers at once,
+/// whatever the parent's other threads were doing: no lock of the library is held in it, its queue
+/// and its open batch of statistics are whole, and no record is half written. Without locking the
+/// same holds when the forking thread was the logger's only user. A fork waits for the library's
+/// calls in flight, each within its bounds.
+/// - Parent and child never share a socket: what the child inherited is closed in it before fork()
+///   returns there, and its first send connects anew, without the back-off of the connection that
+///   it inherited.
+/// - The open batch and the queue are inherited as they stand, so both processes would write them:
+///   switch statistics on in the workers. No statistics thread exists in the child; the next
+///   closing of a batch starts one.
+/// - A fork from a signal handler that interrupted an operation of the library waits for nothing;
+///   its child may only _exit or exec. Logging from such a handler is not supported.
+/// - The application's own fork handlers (pthread_atfork(3)) must not log.
+/// - vfork, posix_spawn and raw clone run no fork handlers: their children must exec.
 class CLogger {
  public:
     /// Closed batches of statistics that wait for the statistics thread. Not for applications.
@@ -55,7 +82,8 @@ class CLogger {
     /// @param isLock whether more than one thread will use the logger.
     explicit CLogger(int8_t tmpSocketType = 0, bool isLock = true);
 
-    /// Closes the logger's socket. No other operation may be running.
+    /// Ends the logger's statistics threads, each after the record in hand, closes its socket and
+    /// discards statistics that are queued or open. No other operation may be running.
     ~CLogger();
 
     CLogger(const CLogger&) = delete;
@@ -108,6 +136,69 @@ class CLogger {
     int write_baselog(int8_t type, unsigned int timestamp, const char* fmt, ...)
         __attribute__((format(printf, 4, 5)));
 
+    /// A module-invocation record in the binary encoding (172 bytes, see modulemsg.h). Module mode.
+    /// The forms without `mid` report for the module id given to init(), the form without `fip`
+    /// sends 0.0.0.0 and sizes of 0. Under a sampling rate N the record that is sent stands for N
+    /// calls; see set_no_sample() for exemptions.
+    /// @param mid, sid, ifid module id, id of the other party, interface id: 1 and more.
+    /// @param fip, mip, sip IPv4 addresses in the forms of inet_addr(3), at most 32 characters; any
+    ///   other text is sent as 255.255.255.255. Not changed.
+    /// @param retval, result any value. @param delay, reqLen, rspLen 0 and more.
+    /// @return 0: sent, or dropped by sampling; otherwise, in the order of the tests:
+    /// - 15: `fip` too long, "write_modulelog: fip addr length invalid"
+    /// - 1: "writemodulelog: is not init"; application mode: "write_modulelog: init error"
+    /// - 16: "write_modulelog: delay[%d] mid[%d] sid[%d] ifid[%d] error" or "write_modulelog:
+    ///   reqLen[%d] rspLen[%d] error"
+    /// - 15, after sampling: `mip` or `sip` too long, "write_modulelog: ip addr length invalid"
+    /// - 17: SocketClient's text.
+    int write_modulelog(int sid, int ifid, std::string& mip, std::string& sip, int retval,
+                        int result, int delay);
+    int write_modulelog(int sid, int ifid, std::string& fip, std::string& mip, std::string& sip,
+                        int retval, int result, int delay, int reqLen, int rspLen);
+    int write_modulelog(int mid, int sid, int ifid, std::string& fip, std::string& mip,
+                        std::string& sip, int retval, int result, int delay, int reqLen,
+                        int rspLen);
+
+    /// The same record as a text of key=value pairs joined by "&", under LT_NORMAL. A rate of 0
+    /// counts as 1. Arguments and results as above.
+    int write_modulelog_forIM(int sid, int ifid, std::string& mip, std::string& sip, int retval,
+                              int result, int delay);
+    int write_modulelog_forIM(int sid, int ifid, std::string& fip, std::string& mip,
+                              std::string& sip, int retval, int result, int delay, int reqLen,
+                              int rspLen);
+    int write_modulelog_forIM(int mid, int sid, int ifid, std::string& fip, std::string& mip,
+                              std::string& sip, int retval, int result, int delay, int reqLen,
+                              int rspLen);
+
+    /// Switches statistics on or off. Switching on starts one more statistics thread, which writes
+    /// one base log a data string for every closed batch: the data string and, in ascending order
+    /// of the names, "&name=value", cut at 1023 characters and each part at its first NUL. The
+    /// thread has all signals blocked and looks for batches once a second. Switching off stops no
+    /// thread and drops nothing. Every init() switches off too. Use it on loggers with locking.
+    /// @param t log type of those base logs, 0 to 110; not checked here.
+    /// @param interval age in seconds, @param count number of distinct data strings, at which the
+    ///   open batch is closed.
+    /// @return 0; 1: "writebaselog: is not init"; pthread_create(3)'s error number: "start
+    ///   statistical thread error" (statistics are on; the next closing tries again).
+    int set_stat(bool flag, int8_t t, unsigned int interval, unsigned int count);
+
+    /// Merges the values of `statistics` into the open batch under the text `data`. Before that, a
+    /// batch that is old or large enough is closed and handed to the statistics thread. No timer
+    /// closes a batch: one that no further call closes is never written.
+    /// @param statistics is only read. @param stattype one of QV_STAT_TYPE_*; any other value
+    /// enters
+    ///   `data` and combines nothing.
+    /// @param timestamp the current time in seconds since the epoch, from which the batch's age is
+    ///   taken, modulo 2^32: an earlier time than the last closing's closes the batch.
+    /// @return 0 (with the text "the statistical thread did not exists or already quit" when a
+    ///   thread was missing and has been started);
+    /// - 1: "write statlog: is not open, please call set_stat(true)"
+    /// - 2: `data` is empty, "write_baselog: data empty"
+    /// - pthread_create(3)'s error number, the values not merged: "start statistical thread again
+    ///   error"
+    int write_statlogs(const std::string& data, std::map<std::string, int>& statistics,
+                       int stattype, unsigned int timestamp);
+
     /// Escapes `src_data` for use in texts of key=value pairs joined by "&": NUL, tab, line feed,
     /// carriage return, "%", "&" and "=" become a percent sign and two upper-case hexadecimal
     /// digits. Replaces `dst_data`; the two may be the same string. Uses no state of the logger.
@@ -148,11 +239,23 @@ class CLogger {
     bool get_lock();
 
  private:
+    friend void* ::StartStatThreads(void* arg);
     struct State;
+    struct ModuleCall;
 
     int init(std::string logName, bool isModule);
     void update_errmsg(const char* cErrmsg, ...) __attribute__((format(printf, 2, 3)));
     int need_sample(int result);
+    int write_modulelog(const ModuleCall& call);
+    int write_modulelog_forIM(const ModuleCall& call);
+    int fip_too_long();
+    int check_module(const ModuleCall& call, int8_t logType, int& rate);
+    int ensure_stat_thread();
+    void end_stat_threads();
+    void close_batch(unsigned int timestamp);
+    bool take_batch(std::map<std::string, std::map<std::string, int>>& batch);
+    void write_batch(const std::map<std::string, std::map<std::string, int>>& batch);
+    void serve_batches();
     int comm_write(const char* data, unsigned int len, int8_t logType, int8_t proType,
                    unsigned int tm);
     int write_formatted(int8_t type, unsigned int timestamp, const char* fmt, va_list arguments)

@@ -45,9 +45,7 @@ class DescriptorLock final : public ForkMember {
 
 DescriptorLock descriptorLock;
 
-__attribute__((constructor)) void enrolDescriptorLock() {
-    enrol(descriptorLock);
-}
+__attribute__((constructor)) void enrolDescriptorLock() { enrol(descriptorLock); }
 
 }  // namespace
 
@@ -156,10 +154,6 @@ int SocketClient::init(int8_t sockType, bool isLock) {
 
 int SocketClient::sendWithoutRecv(char* buff, int length, bool lock) {
     const CallScope scope;
-    return sendWithoutRecv(buff, length, lock, nullptr);
-}
-
-int SocketClient::sendWithoutRecv(char* buff, int length, bool lock, char* failure) {
     if (buff == nullptr) {
         update_errmsg("sendWithoutRecv buff is null");
         return QV_ERR_NULL_BUFFER;
@@ -168,6 +162,10 @@ int SocketClient::sendWithoutRecv(char* buff, int length, bool lock, char* failu
         update_errmsg("sendWithoutRecv buff length %d", length);
         return QV_ERR_BUFFER_LENGTH;
     }
+    return deliver(buff, length, lock, nullptr);
+}
+
+int SocketClient::deliver(char* buff, int length, bool lock, char* failure) {
     return m_cSocketType > 1 ? udp_write(buff, length, failure)
                              : stream_write(buff, length, lock, failure);
 }

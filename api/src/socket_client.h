@@ -69,8 +69,8 @@ class SocketClient {
     friend class CLogger;
     struct State;
 
-    /// As the public form; on a failure, leaves its text in `failure` unless that is null.
-    int sendWithoutRecv(char* buff, int length, bool lock, char* failure);
+    /// Sends; on a failure, leaves its text in `failure` unless that is null.
+    int deliver(char* buff, int length, bool lock, char* failure);
     int stream_write(char* buff, int length, bool lock, char* failure);
     int connected_write(char* buff, int length, bool lock);
     int conn(bool lock);
