@@ -1,14 +1,11 @@
 #include "qvapi_cpp.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -46,9 +43,6 @@ const unsigned int kMaxPackedRecord = 30720;
 const uint8_t kMaxBaseLogType = 110;
 const int8_t kModuleLogType = 127;
 
-const char* const kFallbackFile = "/data/qvagent/msgdat.dat";
-const unsigned int kMaxFallbackSize = 1000000000;
-
 const size_t kTextSize = 30720;
 
 const int kTypeId = 1000238;
@@ -82,11 +76,18 @@ void merge(StatMap& stored, const StatMap& values, int kind) {
     if (kind < QV_STAT_TYPE_COUNT || kind > QV_STAT_TYPE_MAX) {
         return;
     }
+    // Both maps are in the order of the names, so the next one usually follows the last.
+    auto entry = stored.begin();
     for (const auto& [name, value] : values) {
-        const auto [entry, added] = stored.try_emplace(name, value);
-        if (!added) {
+        if (entry == stored.end() || entry->first != name) {
+            entry = stored.lower_bound(name);
+        }
+        if (entry == stored.end() || entry->first != name) {
+            entry = stored.emplace_hint(entry, name, value);
+        } else {
             entry->second = combine(entry->second, value, kind);
         }
+        ++entry;
     }
 }
 
@@ -108,6 +109,8 @@ struct CLogger::State final : ForkMember {
     /// Guards the open batch and the settings of statistics.
     std::mutex statLock;
     std::atomic<bool> queueLockExists{false};
+    /// Whether a fork took the queue's lock, which another thread may make meanwhile.
+    bool queueLockedForFork = false;
     /// Guards the change of `stopping`, for which idle statistics threads wait.
     std::mutex stopLock;
     std::condition_variable stop;
@@ -118,7 +121,8 @@ void CLogger::State::lockForFork() {
     if (logger.m_needLock) {
         statLock.lock();
     }
-    if (queueLockExists) {
+    queueLockedForFork = queueLockExists;
+    if (queueLockedForFork) {
         pthread_rwlock_wrlock(&logger.m_queue_lock);
     }
     if (logger.m_needLock) {
@@ -130,7 +134,7 @@ void CLogger::State::unlockAfterFork() {
     if (logger.m_needLock) {
         pthread_rwlock_unlock(&logger.m_errMsgrwlock);
     }
-    if (queueLockExists) {
+    if (queueLockedForFork) {
         pthread_rwlock_unlock(&logger.m_queue_lock);
     }
     if (logger.m_needLock) {
@@ -150,7 +154,10 @@ void CLogger::State::renewInChild() {
     }
 }
 
-CLogger::CLogger(int8_t tmpSocketType, bool isLock)
+CLogger::CLogger(int8_t tmpSocketType, bool isLock) : CLogger(tmpSocketType, isLock, CallScope()) {}
+
+// The scope is open while the members are made: the queue allocates.
+CLogger::CLogger(int8_t tmpSocketType, bool isLock, const CallScope& /*scope*/)
     : m_queue_lock(),
       m_pSocketClient(nullptr),
       m_pSampling(nullptr),
@@ -172,7 +179,6 @@ CLogger::CLogger(int8_t tmpSocketType, bool isLock)
       m_stat_interval(0),
       m_stat_count(0),
       m_pState(nullptr) {
-    const CallScope scope;
     m_stat_last_time = static_cast<uint32_t>(time(nullptr));
     m_errmsg.reserve(kErrorTextSize);
     if (m_needLock) {
@@ -186,10 +192,11 @@ CLogger::~CLogger() {
     end_stat_threads();
     delete m_pSocketClient;
     delete m_pSampling;
-    if (m_pState->queueLockExists) {
+    const bool queueLockExists = m_pState->queueLockExists;
+    delete m_pState;
+    if (queueLockExists) {
         pthread_rwlock_destroy(&m_queue_lock);
     }
-    delete m_pState;
     if (m_needLock) {
         pthread_rwlock_destroy(&m_errMsgrwlock);
     }
@@ -267,11 +274,11 @@ int8_t CLogger::get_logtype() { return m_type; }
 
 bool CLogger::get_lock() { return m_needLock; }
 
-void CLogger::update_errmsg(const char* cErrmsg, ...) {
+[[gnu::cold, gnu::noinline]] void CLogger::update_errmsg(const char* cErrmsg, ...) {
     const CallScope scope;
     va_list arguments;
     va_start(arguments, cErrmsg);
-    setErrorText(m_errmsg, m_errMsgrwlock, m_needLock, cErrmsg, arguments);
+    formatErrorText(m_errmsg, m_errMsgrwlock, m_needLock, cErrmsg, arguments);
     va_end(arguments);
 }
 
@@ -281,24 +288,41 @@ std::string CLogger::get_errmsg() {
     return m_errmsg;
 }
 
-int CLogger::write_baselog(const char* data, unsigned int len, int8_t logType, int8_t proType,
-                           unsigned int timestamp) {
+[[gnu::flatten]] int CLogger::write_baselog(const char* data, unsigned int len, int8_t logType,
+                                            int8_t proType, unsigned int timestamp) {
+    if (!m_isInit || m_iMid != -1 || static_cast<uint8_t>(logType) > kMaxBaseLogType) {
+        return refuse_baselog("writebaselog2: is not init", logType);
+    }
+    const uint8_t* const rate = m_pSampling->knownRate(logType);
+    if (rate == nullptr) {
+        return write_without_rate(data, len, logType, proType, timestamp);
+    }
+    if (m_pSampling->filters(__atomic_load_n(rate, __ATOMIC_RELAXED))) {
+        return QV_ERR_OK;
+    }
+    return comm_write(data, len, logType, proType, timestamp);
+}
+
+// Apart, so that a record that is dropped saves no register for the search.
+[[gnu::noinline]] int CLogger::write_without_rate(const char* data, unsigned int len,
+                                                  int8_t logType, int8_t proType,
+                                                  unsigned int timestamp) {
+    m_pSampling->tryGetIndex();
+    return comm_write(data, len, logType, proType, timestamp);
+}
+
+[[gnu::cold, gnu::noinline]] int CLogger::refuse_baselog(const char* notInitialised,
+                                                         int8_t logType) {
     if (!m_isInit) {
-        update_errmsg("writebaselog2: is not init");
+        update_errmsg("%s", notInitialised);
         return QV_ERR_INIT;
     }
     if (m_iMid != -1) {
         update_errmsg("write_baselog: wrong invoke");
-        return QV_ERR_LOG_TYPE;
-    }
-    if (static_cast<uint8_t>(logType) > kMaxBaseLogType) {
+    } else {
         update_errmsg("write_baselog: wrong logtype %d", logType);
-        return QV_ERR_LOG_TYPE;
     }
-    if (m_pSampling->needFilter(logType)) {
-        return QV_ERR_OK;
-    }
-    return comm_write(data, len, logType, proType, timestamp);
+    return QV_ERR_LOG_TYPE;
 }
 
 int CLogger::write_baselog(int8_t type, const std::string& data, bool /*fallFlag*/,
@@ -317,17 +341,8 @@ int CLogger::write_baselog(int8_t type, const std::string& data, bool /*fallFlag
 }
 
 int CLogger::write_baselog(int8_t type, unsigned int timestamp, const char* fmt, ...) {
-    if (!m_isInit) {
-        update_errmsg("writebaselog: not init");
-        return QV_ERR_INIT;
-    }
-    if (m_iMid != -1) {
-        update_errmsg("write_baselog: wrong invoke");
-        return QV_ERR_LOG_TYPE;
-    }
-    if (type < 0) {
-        update_errmsg("write_baselog: wrong logtype %d", type);
-        return QV_ERR_LOG_TYPE;
+    if (!m_isInit || m_iMid != -1 || type < 0) {
+        return refuse_baselog("writebaselog: not init", type);
     }
     if (m_pSampling->needFilter(type)) {
         return QV_ERR_OK;
@@ -365,7 +380,7 @@ struct CLogger::ModuleCall {
     int rspLen;
 
     bool fipTooLong() const { return fip->size() > kMaxAddressLength; }
-    in_addr_t fipAddress() const { return fip != nullptr ? inet_addr(fip->c_str()) : 0; }
+    in_addr_t fipAddress() const { return fip != nullptr ? parseAddress(*fip) : 0; }
 };
 
 int CLogger::write_modulelog(int sid, int ifid, std::string& mip, std::string& sip, int retval,
@@ -446,7 +461,7 @@ int CLogger::check_module(const ModuleCall& call, int8_t logType, int& rate) {
     return QV_ERR_OK;
 }
 
-int CLogger::write_modulelog(const ModuleCall& call) {
+[[gnu::flatten]] int CLogger::write_modulelog(const ModuleCall& call) {
     int rate = 0;
     const int res = check_module(call, kModuleLogType, rate);
     if (res != QV_ERR_OK || rate == kDropped) {
@@ -463,8 +478,8 @@ int CLogger::write_modulelog(const ModuleCall& call) {
     invoke.iMid = call.mid;
     invoke.iSid = call.sid;
     invoke.iInterfaceid = call.ifid;
-    invoke.uiMip = inet_addr(call.mip.c_str());
-    invoke.uiSip = inet_addr(call.sip.c_str());
+    invoke.uiMip = parseAddress(call.mip);
+    invoke.uiSip = parseAddress(call.sip);
     invoke.iRetVal = call.retval;
     invoke.iResult = call.result;
     invoke.iDelay = times(rate, call.delay);
@@ -481,7 +496,7 @@ int CLogger::write_modulelog(const ModuleCall& call) {
                       static_cast<unsigned int>(time(nullptr)));
 }
 
-int CLogger::write_modulelog_forIM(const ModuleCall& call) {
+[[gnu::flatten]] int CLogger::write_modulelog_forIM(const ModuleCall& call) {
     int rate = 0;
     const int res = check_module(call, LT_NORMAL, rate);
     if (res != QV_ERR_OK || rate == kDropped) {
@@ -491,7 +506,7 @@ int CLogger::write_modulelog_forIM(const ModuleCall& call) {
     const int count = std::max(rate, 1);
     const ModuleText values = {
         {kTypeId, static_cast<int>(time(nullptr)), call.mid, call.sid, call.ifid},
-        {call.fipAddress(), inet_addr(call.mip.c_str()), inet_addr(call.sip.c_str())},
+        {call.fipAddress(), parseAddress(call.mip), parseAddress(call.sip)},
         {call.result, call.retval, count, times(count, call.delay), call.delay, call.delay,
          call.delay, times(count, call.reqLen), times(count, call.rspLen)}};
     char text[kModuleTextSize];
@@ -678,8 +693,9 @@ int CLogger::pack_send_buff(char*& pBuff, int& retLen, const char* tmpData, unsi
     return QV_ERR_OK;
 }
 
-int CLogger::comm_write(const char* data, unsigned int len, int8_t logType, int8_t proType,
-                        unsigned int tm) {
+[[gnu::flatten, gnu::noinline]] int CLogger::comm_write(const char* data, unsigned int len,
+                                                        int8_t logType, int8_t proType,
+                                                        unsigned int tm) {
     const CallScope scope;
     if (!m_isInit) {
         update_errmsg("comm_write: logname is not init");
@@ -706,9 +722,14 @@ int CLogger::comm_write(const char* data, unsigned int len, int8_t logType, int8
     if (res == QV_ERR_OK) {
         return res;
     }
-    update_errmsg("%s", failure);
+    return not_sent(request.get(), static_cast<uint32_t>(length), res, failure);
+}
+
+[[gnu::cold, gnu::noinline]] int CLogger::not_sent(const char* request, uint32_t length, int res,
+                                                   const char* failure) {
+    replaceErrorText(m_errmsg, m_errMsgrwlock, m_needLock, failure);
     const bool unreachable = res == QV_ERR_CONNECT || res == QV_ERR_WRITE;
-    return unreachable ? store(request.get(), static_cast<uint32_t>(length), res) : res;
+    return unreachable && !storeInFallbackFile(request, length) ? QV_ERR_FALLBACK_FULL : res;
 }
 
 void CLogger::frame(char* request, const char* data, unsigned int len, int8_t logType,
@@ -728,50 +749,6 @@ void CLogger::frame(char* request, const char* data, unsigned int len, int8_t lo
     memcpy(name, &nameLength, sizeof(nameLength));
     memcpy(name + sizeof(nameLength), m_appname.data(), m_appnameLen);
     memcpy(name + m_appnamePartLen, data, len);
-}
-
-int CLogger::store(const char* request, uint32_t length, int res) {
-    const std::lock_guard<std::mutex> guard(appendLock());
-    if (!need_disaster(kFallbackFile)) {
-        return QV_ERR_FALLBACK_FULL;
-    }
-    const std::unique_ptr<char[]> record(new char[sizeof(length) + length]);
-    memcpy(record.get(), &length, sizeof(length));
-    memcpy(record.get() + sizeof(length), request, length);
-    write_bin_file(record.get(), static_cast<unsigned int>(sizeof(length) + length), kFallbackFile);
-    return res;
-}
-
-bool CLogger::need_disaster(const char* fileName) {
-    unsigned int size = 0;
-    get_filesize(fileName, size);
-    return size <= kMaxFallbackSize;
-}
-
-int CLogger::get_filesize(const char* filename, unsigned int& size) {
-    if (filename == nullptr) {
-        return -1;
-    }
-    struct stat status;
-    const int fd = openRegular(filename, O_RDONLY, status);
-    if (fd >= 0) {
-        size = static_cast<unsigned int>(std::min<off_t>(status.st_size, UINT_MAX));
-        close(fd);
-    }
-    return 0;
-}
-
-void CLogger::write_bin_file(const char* data, unsigned int len, const char* fileName) {
-    if (fileName == nullptr || data == nullptr || len == 0) {
-        return;
-    }
-    struct stat status;
-    const int fd = openRegular(fileName, O_WRONLY | O_APPEND | O_CREAT, status);
-    if (fd >= 0) {
-        fchmod(fd, 0666);
-        appendRecord(fd, data, len, status.st_size);
-        close(fd);
-    }
 }
 
 }  // namespace Quorvel

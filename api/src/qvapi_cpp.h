@@ -18,6 +18,7 @@ void* StartStatThreads(void* arg);
 
 namespace Quorvel {
 
+class CallScope;
 class Sampling;
 class SocketClient;
 
@@ -243,6 +244,7 @@ class CLogger {
     struct State;
     struct ModuleCall;
 
+    CLogger(int8_t tmpSocketType, bool isLock, const CallScope& scope);
     int init(std::string logName, bool isModule);
     void update_errmsg(const char* cErrmsg, ...) __attribute__((format(printf, 2, 3)));
     int need_sample(int result);
@@ -260,12 +262,12 @@ class CLogger {
                    unsigned int tm);
     int write_formatted(int8_t type, unsigned int timestamp, const char* fmt, va_list arguments)
         __attribute__((noinline));
-    int store(const char* request, uint32_t length, int res);
+    int write_without_rate(const char* data, unsigned int len, int8_t logType, int8_t proType,
+                           unsigned int timestamp);
+    int refuse_baselog(const char* notInitialised, int8_t logType);
+    int not_sent(const char* request, uint32_t length, int res, const char* failure);
     void frame(char* request, const char* data, unsigned int len, int8_t logType, int8_t proType,
                unsigned int tm) const;
-    void write_bin_file(const char* data, unsigned int len, const char* fileName);
-    int get_filesize(const char* filename, unsigned int& size);
-    bool need_disaster(const char* fileName);
 
     SocketClient* m_pSocketClient;
     Sampling* m_pSampling;

@@ -25,6 +25,9 @@ const uint8_t kDropAll = 255;
 }  // namespace
 
 struct Sampling::State final : ForkMember {
+    /// The rates of the application's slot; null until it is found.
+    std::atomic<const LogTypeItem*> rates{nullptr};
+    /// Held by the one thread that attaches or searches.
     std::mutex lookup;
 
     State() { enrol(*this); }
@@ -108,13 +111,14 @@ int Sampling::findIndex() {
             memcmp(slot.appname, m_appname.data(), m_appname.size()) == 0) {
             m_index = i;
             m_status = kSlotFound;
+            m_pState->rates = slot.logTypeItems;
             return 0;
         }
     }
     return -2;
 }
 
-int Sampling::tryGetIndex() {
+[[gnu::noinline]] int Sampling::tryGetIndex() {
     if (time(nullptr) - m_lastGetTime < kRetrySeconds) {
         return 0;
     }
@@ -136,21 +140,24 @@ int Sampling::retryLookup() {
     return m_status == kNoSlot ? findIndex() : 0;
 }
 
+const uint8_t* Sampling::knownRate(int8_t logType) const {
+    const LogTypeItem* const rates = m_pState->rates.load(std::memory_order_acquire);
+    return rates != nullptr ? &rates[logType].sampling : nullptr;
+}
+
 uint8_t Sampling::getSampling(int8_t logType) {
     if (logType < 0) {
         return kKeepAll;
     }
-    if (m_status.load(std::memory_order_acquire) == kSlotFound) {
-        const AppItem& slot =
-            m_shmPtr.load(std::memory_order_relaxed)[m_index.load(std::memory_order_relaxed)];
-        return __atomic_load_n(&slot.logTypeItems[logType].sampling, __ATOMIC_RELAXED);
+    const uint8_t* const rate = knownRate(logType);
+    if (rate != nullptr) {
+        return __atomic_load_n(rate, __ATOMIC_RELAXED);
     }
     tryGetIndex();
     return kKeepAll;
 }
 
-bool Sampling::needFilter(int8_t logType) {
-    const uint8_t rate = getSampling(logType);
+bool Sampling::filters(uint8_t rate) {
     if (rate <= kKeepAll) {
         return false;
     }
@@ -159,5 +166,7 @@ bool Sampling::needFilter(int8_t logType) {
     }
     return (m_count.fetch_add(1, std::memory_order_relaxed) + 1) % rate != 0;
 }
+
+bool Sampling::needFilter(int8_t logType) { return filters(getSampling(logType)); }
 
 }  // namespace Quorvel

@@ -62,23 +62,27 @@ class Sampling {
     int fetchSampling(int8_t logType) { return getSampling(logType); }
 
  private:
+    friend class CLogger;
     struct State;
 
     int getShm(int key, int size);
     int findIndex();
     int tryGetIndex();
     int retryLookup();
+    /// Where the rate of `logType`, 0 and more, is to be read; null while no slot is known.
+    const uint8_t* knownRate(int8_t logType) const;
     uint8_t getSampling(int8_t logType);
+    bool filters(uint8_t rate);
 
     std::atomic<uint32_t> m_count;
-    std::atomic<AppItem*> m_shmPtr;
+    AppItem* m_shmPtr;
     int m_shmID;
-    std::atomic<char> m_status;
+    char m_status;
     int m_key;
     int m_size;
     int m_minIndex;
     int m_maxIndex;
-    std::atomic<int> m_index;
+    int m_index;
     std::atomic<time_t> m_lastGetTime;
     std::string m_appname;
     State* m_pState;

@@ -1,10 +1,13 @@
 #include "record_text.h"
 
+#include <arpa/inet.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <charconv>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 namespace Quorvel {
 namespace {
@@ -35,22 +38,39 @@ static_assert(longestFields(kIdKeys, kLongestInt) + longestFields(kAddressKeys, 
 char* appendAddress(char* end, in_addr_t address) {
     uint8_t octets[4];
     memcpy(octets, &address, sizeof(octets));
-    for (const uint8_t& octet : octets) {
-        if (&octet != octets) {
-            *end++ = '.';
-        }
-        end = appendNumber(end, octet);
+    end = appendNumber(end, octets[0]);
+    for (size_t i = 1; i < sizeof(octets); ++i) {
+        *end++ = '.';
+        end = appendNumber(end, octets[i]);
     }
     return end;
 }
 
-template <size_t N, typename Value>
-char* appendFields(char* end, const std::string_view (&keys)[N], const Value (&values)[N],
-                   char* (*append)(char*, Value)) {
-    for (size_t i = 0; i < N; ++i) {
-        end = append(end + keys[i].copy(end, keys[i].size()), values[i]);
-    }
+// Unrolled, so that each key is copied by its constant length.
+template <const auto& Keys, typename Value, size_t... I>
+char* appendFields(char* end, const Value* values, char* (*append)(char*, Value),
+                   std::index_sequence<I...> /*fields*/) {
+    ((memcpy(end, Keys[I].data(), Keys[I].size()), end = append(end + Keys[I].size(), values[I])),
+     ...);
     return end;
+}
+
+template <const auto& Keys, typename Value, size_t N>
+char* appendFields(char* end, const Value (&values)[N], char* (*append)(char*, Value)) {
+    static_assert(std::size(Keys) == N, "a value for each key");
+    return appendFields<Keys>(end, values, append, std::make_index_sequence<N>());
+}
+
+// Reads a number of a dotted quad: 0 to 255, without leading zeros, which inet_addr(3) takes for
+// octal. @return -1 when there is none.
+int readOctet(const char*& text) {
+    const char* const start = text;
+    int value = 0;
+    while (*text >= '0' && *text <= '9' && value < 256) {
+        value = value * 10 + (*text++ - '0');
+    }
+    const bool plain = text - start == 1 || (text - start > 1 && *start != '0');
+    return plain && value < 256 ? value : -1;
 }
 
 }  // namespace
@@ -106,10 +126,26 @@ char* appendNumber(char* end, int value) {
     return std::to_chars(end, end + kLongestInt, value).ptr;
 }
 
+in_addr_t parseAddress(const std::string& text) {
+    const char* p = text.c_str();
+    uint8_t octets[4];
+    for (size_t i = 0; i < sizeof(octets); ++i) {
+        const int octet = readOctet(p);
+        const char separator = i + 1 < sizeof(octets) ? '.' : '\0';
+        if (octet < 0 || *p++ != separator) {
+            return inet_addr(text.c_str());
+        }
+        octets[i] = static_cast<uint8_t>(octet);
+    }
+    in_addr_t address = 0;
+    memcpy(&address, octets, sizeof(octets));
+    return address;
+}
+
 size_t formatModuleText(const ModuleText& values, char (&area)[kModuleTextSize]) {
-    char* end = appendFields(area, kIdKeys, values.ids, appendNumber);
-    end = appendFields(end, kAddressKeys, values.addresses, appendAddress);
-    end = appendFields(end, kResultKeys, values.results, appendNumber);
+    char* end = appendFields<kIdKeys>(area, values.ids, appendNumber);
+    end = appendFields<kAddressKeys>(end, values.addresses, appendAddress);
+    end = appendFields<kResultKeys>(end, values.results, appendNumber);
     return static_cast<size_t>(end - area);
 }
 

@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 
 #include "descriptor.h"
@@ -65,10 +66,14 @@ struct SocketClient::State final : ForkMember {
     std::atomic<int> openFd{-1};
     /// Failed stream sends so far; changed under sendLock.
     std::atomic<unsigned> failures{0};
+    /// Whether the locks exist, and whether a fork took them: init() may run on another thread.
+    std::atomic<bool> locksExist{false};
+    bool lockedForFork = false;
 };
 
 void SocketClient::State::lockForFork() {
-    if (client.m_bNeedLock) {
+    lockedForFork = locksExist;
+    if (lockedForFork) {
         sendLock.lock();
         pthread_rwlock_wrlock(&client.m_connLock);
         pthread_rwlock_wrlock(&client.m_errMsgrwlock);
@@ -76,7 +81,7 @@ void SocketClient::State::lockForFork() {
 }
 
 void SocketClient::State::unlockAfterFork() {
-    if (client.m_bNeedLock) {
+    if (lockedForFork) {
         pthread_rwlock_unlock(&client.m_errMsgrwlock);
         pthread_rwlock_unlock(&client.m_connLock);
         sendLock.unlock();
@@ -91,7 +96,7 @@ void SocketClient::State::renewInChild() {
     if (client.m_bConnected.exchange(false)) {
         client.m_iLastConnTime = 0;
     }
-    if (client.m_bNeedLock) {
+    if (locksExist) {
         new (&sendLock) std::mutex;
         pthread_rwlock_init(&client.m_connLock, nullptr);
         pthread_rwlock_init(&client.m_errMsgrwlock, nullptr);
@@ -145,6 +150,7 @@ int SocketClient::init(int8_t sockType, bool isLock) {
     if (isLock) {
         pthread_rwlock_init(&m_errMsgrwlock, nullptr);
         pthread_rwlock_init(&m_connLock, nullptr);
+        m_pState->locksExist = true;
     }
     m_bNeedLock = isLock;
     m_iLastConnTime = 0;
@@ -173,10 +179,10 @@ int SocketClient::deliver(char* buff, int length, bool lock, char* failure) {
 int SocketClient::stream_write(char* buff, int length, bool lock, char* failure) {
     const unsigned failures = m_pState->failures;
     const auto turn = lockIf(lock, m_pState->sendLock);
-    // Whoever waited while another's send failed shares that failure: repeating it would add its
-    // waiting to the waiting that is over.
-    const bool shared = !m_bConnected && failures != m_pState->failures;
-    const int res = shared ? QV_ERR_CONNECT : connected_write(buff, length, lock);
+    // Whoever waited while another's send failed does not try next: its own waiting would come on
+    // top of the waiting that is over.
+    const bool waited = !m_bConnected && failures != m_pState->failures;
+    const int res = waited ? refuse_attempt() : connected_write(buff, length, lock);
     if (res != QV_ERR_OK) {
         m_pState->failures = m_pState->failures + 1;
         copy_errmsg(failure);
@@ -198,7 +204,7 @@ int SocketClient::connected_write(char* buff, int length, bool lock) {
     return QV_ERR_WRITE;
 }
 
-int SocketClient::conn(bool lock) {
+[[gnu::cold, gnu::noinline]] int SocketClient::conn(bool lock) {
     const WriteGuard guard(m_connLock, lock);
     if (!needRetry()) {
         return -1;
@@ -219,15 +225,22 @@ int SocketClient::conn(bool lock) {
     return fd;
 }
 
+int64_t SocketClient::back_off_left() {
+    return m_iLastConnTime + kBackOffSeconds - static_cast<int64_t>(time(nullptr));
+}
+
+int SocketClient::refuse_attempt() {
+    update_errmsg("return directly and will retry after [%d] seconds",
+                  static_cast<int>(std::max<int64_t>(back_off_left(), 0)));
+    return QV_ERR_CONNECT;
+}
+
 bool SocketClient::needRetry() {
-    const int64_t now = time(nullptr);
-    const int64_t allowed = m_iLastConnTime + kBackOffSeconds;
-    if (now < allowed) {
-        update_errmsg("return directly and will retry after [%d] seconds",
-                      static_cast<int>(allowed - now));
+    if (back_off_left() > 0) {
+        refuse_attempt();
         return false;
     }
-    m_iLastConnTime = static_cast<uint32_t>(now);
+    m_iLastConnTime = static_cast<uint32_t>(time(nullptr));
     return true;
 }
 
@@ -318,6 +331,10 @@ int SocketClient::udp_write(char* buff, int length, char* failure) {
         send(m_iFd, buff, length, MSG_NOSIGNAL) == length) {
         return QV_ERR_OK;
     }
+    return udp_failed(failure);
+}
+
+[[gnu::cold, gnu::noinline]] int SocketClient::udp_failed(char* failure) {
     const int error = errno;
     const auto turn = lockIf(m_bNeedLock, m_pState->sendLock);
     if (!m_noAgent) {
@@ -328,7 +345,7 @@ int SocketClient::udp_write(char* buff, int length, char* failure) {
     return QV_ERR_DATAGRAM;
 }
 
-bool SocketClient::udp_open() {
+[[gnu::cold, gnu::noinline]] bool SocketClient::udp_open() {
     const auto turn = lockIf(m_bNeedLock, m_pState->sendLock);
     if (m_bConnected) {
         return true;
@@ -359,21 +376,21 @@ int SocketClient::open_socket(int family, int type) {
 
 // Forgets the descriptor before it closes it: a child forked from a signal handler in between keeps
 // a socket too many, and never closes a file that has taken the number.
-void SocketClient::disconnect(int fd) {
+[[gnu::cold, gnu::noinline]] void SocketClient::disconnect(int fd) {
     const std::lock_guard<std::mutex> guard(descriptorLock.mutex);
     m_bConnected = false;
     m_pState->openFd = -1;
     close(fd);
 }
 
-void SocketClient::update_errmsg(const char* cErrmsg, ...) {
+[[gnu::cold, gnu::noinline]] void SocketClient::update_errmsg(const char* cErrmsg, ...) {
     va_list arguments;
     va_start(arguments, cErrmsg);
-    setErrorText(m_strErrmsg, m_errMsgrwlock, m_bNeedLock, cErrmsg, arguments);
+    formatErrorText(m_strErrmsg, m_errMsgrwlock, m_bNeedLock, cErrmsg, arguments);
     va_end(arguments);
 }
 
-void SocketClient::copy_errmsg(char* text) {
+[[gnu::cold, gnu::noinline]] void SocketClient::copy_errmsg(char* text) {
     if (text != nullptr) {
         const ReadGuard guard(m_errMsgrwlock, m_bNeedLock);
         text[m_strErrmsg.copy(text, kErrorTextSize - 1)] = '\0';

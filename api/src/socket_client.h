@@ -21,7 +21,9 @@ namespace Quorvel {
 ///
 /// How long a send may take: an attempt to connect waits at most 150 ms; a stream write waits at
 /// most 5 ms (rounded up to the kernel's clock tick) each time that the agent leaves the socket's
-/// buffer of 1 MiB full. With locking, writers on one stream take turns. A datagram never waits.
+/// buffer of 1 MiB full. With locking, writers on one stream take turns: a call also waits for the
+/// ones ahead of it, but one that waited while another failed gives up at once. A datagram never
+/// waits.
 ///
 /// Thread safety: init() and the destructor need the object to themselves. After init(type, true),
 /// any number of threads may send with `lock` true; otherwise no two operations may overlap. Every
@@ -49,8 +51,9 @@ class SocketClient {
     /// - 0: all bytes were handed to the kernel; the text is unchanged.
     /// - 4: `buff` is null: "sendWithoutRecv buff is null".
     /// - 6: `length` is 0 or negative: "sendWithoutRecv buff length %d" (`length`).
-    /// - 7: stream, no connection. While an attempt is not yet allowed: "return directly and will
-    ///   retry after [%d] seconds"; otherwise the step of connecting that failed: "create socket
+    /// - 7: stream, no connection. While an attempt is not yet allowed, and for a call that waited
+    ///   while another thread's send failed: "return directly and will retry after [%d] seconds"
+    ///   (0: at the next send); otherwise the step of connecting that failed: "create socket
     ///   error:%d", "setnonblock error:%d", "connect failed:[%m]", "poll erro,ret:[%d],fd:[%d]",
     ///   "syncConnect connect timeout. %d %m", "1 syncConnect connect timeout. ret[%d] %m",
     ///   "2 syncConnect connect timeout. ret[%d] error[%d] %m", "POLL except error,ret:[%d],
@@ -74,6 +77,8 @@ class SocketClient {
     int stream_write(char* buff, int length, bool lock, char* failure);
     int connected_write(char* buff, int length, bool lock);
     int conn(bool lock);
+    int64_t back_off_left();
+    int refuse_attempt();
     bool needRetry();
     int real_conn();
     bool start_connect(int fd, bool local);
@@ -83,6 +88,7 @@ class SocketClient {
     int tcp_write(int fd, char* buff, int length);
     int udp_write(char* buff, int length, char* failure);
     bool udp_open();
+    int udp_failed(char* failure);
     int open_socket(int family, int type);
     void disconnect(int fd);
     void update_errmsg(const char* cErrmsg, ...) __attribute__((format(printf, 2, 3)));
