@@ -1,0 +1,166 @@
+#include "endpoint.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace Quorvel {
+namespace {
+
+const char kSocketPath[] = "/data/container2host/cqv";
+const uint16_t kPort = 20005;
+const int kDatagramBufferSize = 8 << 20;
+
+sockaddr_un unixAddress() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    static_assert(sizeof(kSocketPath) <= sizeof(address.sun_path), "the path fits");
+    memcpy(address.sun_path, kSocketPath, sizeof(kSocketPath));
+    return address;
+}
+
+sockaddr_in loopbackAddress() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(kPort);
+    return address;
+}
+
+Descriptor openSocket(int family, int type) {
+    return Descriptor(socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
+template <typename Address>
+int bindTo(int fd, const Address& address) {
+    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+template <typename Address>
+int connectTo(int fd, const Address& address) {
+    return connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+/// Applications may log in bursts; a datagram that finds the buffer full is lost without a trace.
+void enlargeReceiveBuffer(int fd) {
+    const int size = kDatagramBufferSize;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
+    }
+}
+
+}  // namespace
+
+Endpoint::Endpoint(Transport transport) : m_transport(transport) {
+    switch (transport) {
+        case Transport::kUnix:
+            openUnix();
+            break;
+        case Transport::kTcp:
+            openLoopback(SOCK_STREAM);
+            break;
+        case Transport::kUdp:
+            openLoopback(SOCK_DGRAM);
+            break;
+    }
+}
+
+// The file goes while the socket still listens, so that no other process can have seen it as stale
+// and put its own in place in between.
+Endpoint::~Endpoint() {
+    struct stat status;
+    if (m_inode != 0 && lstat(kSocketPath, &status) == 0 && status.st_ino == m_inode) {
+        unlink(kSocketPath);
+    }
+}
+
+std::string Endpoint::name() const {
+    const std::string address =
+        m_transport == Transport::kUnix ? kSocketPath : "127.0.0.1:" + std::to_string(kPort);
+    return std::string(transportName(m_transport)) + " " + address;
+}
+
+void Endpoint::openUnix() {
+    const auto directory = std::filesystem::path(kSocketPath).parent_path();
+    std::filesystem::create_directories(directory);
+    // From the look at the old file to the new socket's listening, this lock keeps other processes
+    // from taking the one for stale or removing the other.
+    const Descriptor lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (lock.get() < 0 || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        failWithErrno("cannot lock its directory");
+    }
+    removeStaleFile();
+    m_socket = openSocket(AF_UNIX, SOCK_STREAM);
+    struct stat status;
+    if (bindTo(fd(), unixAddress()) != 0 || lstat(kSocketPath, &status) != 0) {
+        failWithErrno("cannot create the socket");
+    }
+    m_inode = status.st_ino;
+    listenForConnections();
+}
+
+void Endpoint::openLoopback(int type) {
+    m_socket = openSocket(AF_INET, type);
+    if (type == SOCK_STREAM) {
+        const int on = 1;
+        setsockopt(fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    }
+    if (bindTo(fd(), loopbackAddress()) != 0) {
+        failWithErrno("cannot bind");
+    }
+    if (type == SOCK_STREAM) {
+        listenForConnections();
+    } else {
+        enlargeReceiveBuffer(fd());
+    }
+}
+
+void Endpoint::removeStaleFile() const {
+    struct stat status;
+    if (lstat(kSocketPath, &status) != 0) {
+        if (errno == ENOENT) {
+            return;
+        }
+        failWithErrno("cannot look at the file");
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        fail("the file is not a socket; it stays untouched");
+    }
+    const Descriptor probe = openSocket(AF_UNIX, SOCK_STREAM);
+    if (connectTo(probe.get(), unixAddress()) == 0 || errno == EAGAIN) {
+        fail("another process serves it");
+    }
+    if (errno != ECONNREFUSED) {
+        failWithErrno("cannot tell whether another process serves it");
+    }
+    if (unlink(kSocketPath) != 0) {
+        failWithErrno("cannot remove the stale socket");
+    }
+}
+
+void Endpoint::listenForConnections() const {
+    if (listen(fd(), SOMAXCONN) != 0) {
+        failWithErrno("cannot listen");
+    }
+}
+
+void Endpoint::fail(const std::string& what) const {
+    throw std::runtime_error(name() + ": " + what);
+}
+
+void Endpoint::failWithErrno(const std::string& what) const {
+    if (errno == EADDRINUSE || errno == EWOULDBLOCK) {
+        fail("another process serves it");
+    }
+    fail(what + ": " + strerror(errno));
+}
+
+}  // namespace Quorvel
