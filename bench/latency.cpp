@@ -56,6 +56,7 @@ void run(benchmark::State& state, Health health, int threads) {
     for (auto iteration : state) {
         (void)iteration;
         std::vector<std::thread> writers;
+        writers.reserve(measured.size());
         for (auto& times : measured) {
             writers.emplace_back([&] { times = timeCalls(logger); });
         }

@@ -94,7 +94,7 @@ Json recordFields(const Request& request) {
         return Json();
     }
     try {
-        const Json fields = pairs(request.body);
+        Json fields = pairs(request.body);
         fields.dump();
         return fields;
     } catch (const Json::type_error&) {

@@ -87,10 +87,17 @@ void addSendStatVerb(CLI::App& send, int& status) {
     const auto options = std::make_shared<StatOptions>();
     CLI::App* verb = send.add_subcommand(
         "stat", "Merge named values under a text and wait until their record was written.");
-    verb->add_option("NAME", options->name, "The application's name")->type_name("")->required();
-    verb->add_option("DATA", options->data, "What is measured")->type_name("")->required();
+    verb->add_option("NAME", options->name, "The application's name")
+        ->type_name("")
+        ->transform(unprotect)
+        ->required();
+    verb->add_option("DATA", options->data, "What is measured")
+        ->type_name("")
+        ->transform(unprotect)
+        ->required();
     verb->add_option("VALUE", options->values, "The values, as NAME=INTEGER")
         ->type_name("")
+        ->transform(unprotect)
         ->required();
     verb->add_option("--kind", options->kind, "How values combine")
         ->check(CLI::IsMember(std::vector<std::string>(std::begin(kKinds), std::end(kKinds))))

@@ -23,7 +23,7 @@ inline std::string protect(const std::string& argument) {
     return bracketed ? argument + '\0' : argument;
 }
 
-inline std::string unprotect(const std::string& value) { return value.c_str(); }
+inline std::string unprotect(const std::string& value) { return value.substr(0, value.find('\0')); }
 
 }  // namespace Quorvel
 
