@@ -29,17 +29,12 @@ class AppendLock final : public ForkMember {
 
     void lockForFork() override { pthread_rwlock_wrlock(&lock); }
     void unlockAfterFork() override { pthread_rwlock_unlock(&lock); }
-    void renewInChild() override {
-        pthread_rwlockattr_t attributes;
-        pthread_rwlockattr_init(&attributes);
-        pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-        pthread_rwlock_init(&lock, &attributes);
-    }
+    void renewInChild() override { initWritersFirst(lock); }
 };
 
 AppendLock appendLock;
 
-__attribute__((constructor)) void enrolAppendLock() { enrol(appendLock); }
+__attribute__((constructor)) void enrolAppendLock() { enrol(appendLock, nullptr); }
 
 // Opens without waiting, and nothing but a regular file: not a FIFO's end nor a device.
 int openRegular(int flags, struct stat& status) {

@@ -2,6 +2,7 @@
 #define QVAPI_FORK_SAFETY_H
 
 #include <errno.h>
+#include <pthread.h>
 
 #include <atomic>
 
@@ -12,12 +13,23 @@ namespace Quorvel {
 /// may hold: read-write locks cannot be asked.
 inline thread_local int callDepth __attribute__((tls_model("initial-exec"))) = 0;
 
+/// Forks that wait for the calls in flight.
+inline std::atomic<int> waitingForks{0};
+
+/// Returns when the fork that waits is done.
+void letForkPass();
+
 /// Open from the first line of every public operation that takes a lock or calls libc to its last.
+/// A call that begins while a fork waits lets it go first: locks that are not first come, first
+/// served would let calls pass the fork again and again.
 class CallScope {
  public:
     CallScope() : m_errno(errno) {
-        ++callDepth;
+        const bool outermost = callDepth++ == 0;
         std::atomic_signal_fence(std::memory_order_seq_cst);
+        if (outermost && waitingForks.load(std::memory_order_relaxed) != 0) {
+            letForkPass();
+        }
     }
     ~CallScope() {
         std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -46,17 +58,21 @@ class ForkMember {
     ~ForkMember() = default;
 
  private:
-    friend void enrol(ForkMember& member);
-    friend void withdraw(ForkMember& member);
-    friend class ForkHandlers;
+    friend class ForkRegistry;
 
     std::atomic<ForkMember*> m_next{nullptr};
     ForkMember* m_previous = nullptr;
+    bool m_enrolled = false;
+    /// The thread on whose stack the owner stands; 0 when it stands elsewhere.
+    pthread_t m_stackOf = 0;
 };
 
 /// Enrols a member for all forks to come. The latest is locked first: what a library-wide member
 /// guards, enrolled when the library is loaded, may be used under any other lock.
-void enrol(ForkMember& member);
+/// @param owner the object of the application that the member looks at, or null. One on the stack
+///   of a thread is left out of a child's own forks when the thread does not exist there: its
+///   memory is another thread's by then.
+void enrol(ForkMember& member, const void* owner);
 void withdraw(ForkMember& member);
 
 }  // namespace Quorvel

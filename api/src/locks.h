@@ -32,6 +32,15 @@ class RwGuard {
 using ReadGuard = RwGuard<pthread_rwlock_rdlock>;
 using WriteGuard = RwGuard<pthread_rwlock_wrlock>;
 
+/// Makes a read-write lock that a stream of readers cannot keep a writer, and so a fork, from.
+inline void initWritersFirst(pthread_rwlock_t& lock) {
+    pthread_rwlockattr_t attributes;
+    pthread_rwlockattr_init(&attributes);
+    pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    pthread_rwlock_init(&lock, &attributes);
+    pthread_rwlockattr_destroy(&attributes);
+}
+
 /// Holds a mutex for a scope when `needed` is true.
 inline std::unique_lock<std::mutex> lockIf(bool needed, std::mutex& mutex) {
     return needed ? std::unique_lock<std::mutex>(mutex)

@@ -98,7 +98,7 @@ void appendStatText(std::string& record, const char* text) {
 }  // namespace
 
 struct CLogger::State final : ForkMember {
-    explicit State(CLogger& owner) : logger(owner) { enrol(*this); }
+    explicit State(CLogger& owner) : logger(owner) { enrol(*this, &owner); }
     ~State() { withdraw(*this); }
 
     void lockForFork() override;
@@ -150,7 +150,7 @@ void CLogger::State::renewInChild() {
         pthread_rwlock_init(&logger.m_queue_lock, nullptr);
     }
     if (logger.m_needLock) {
-        pthread_rwlock_init(&logger.m_errMsgrwlock, nullptr);
+        initWritersFirst(logger.m_errMsgrwlock);
     }
 }
 
@@ -182,7 +182,7 @@ CLogger::CLogger(int8_t tmpSocketType, bool isLock, const CallScope& /*scope*/)
     m_stat_last_time = static_cast<uint32_t>(time(nullptr));
     m_errmsg.reserve(kErrorTextSize);
     if (m_needLock) {
-        pthread_rwlock_init(&m_errMsgrwlock, nullptr);
+        initWritersFirst(m_errMsgrwlock);
     }
     m_pState = new State(*this);
 }
@@ -589,6 +589,7 @@ void CLogger::close_batch(unsigned int timestamp) {
 }
 
 bool CLogger::take_batch(StatBatch& batch) {
+    const CallScope scope;
     const WriteGuard guard(m_queue_lock);
     if (m_stat_log_queues.empty()) {
         return false;

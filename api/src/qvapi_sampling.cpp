@@ -30,7 +30,7 @@ struct Sampling::State final : ForkMember {
     /// Held by the one thread that attaches or searches.
     std::mutex lookup;
 
-    State() { enrol(*this); }
+    explicit State(const Sampling* owner) { enrol(*this, owner); }
     ~State() { withdraw(*this); }
 
     void lockForFork() override { lookup.lock(); }
@@ -51,7 +51,7 @@ Sampling::Sampling()
       m_lastGetTime(0),
       m_pState(nullptr) {
     const CallScope scope;
-    m_pState = new State;
+    m_pState = new State(this);
 }
 
 Sampling::~Sampling() {

@@ -44,10 +44,10 @@ class Sampling {
     Sampling(const Sampling&) = delete;
     Sampling& operator=(const Sampling&) = delete;
 
-    /// Attaches the segment `shmKey` of `shmSize` bytes (at least 102800; created with permissions
-    /// 0666 when missing) and looks for the slot named `name`. A name of more than 256 bytes or
-    /// with a NUL in it is never found. The file "/data/qvagent/qv_shm_sampling" marks the table as
-    /// ready; without it the first search waits for a rate request 60 seconds later.
+    /// Call it once. Attaches the segment `shmKey` of `shmSize` bytes (at least 102800; created
+    /// with permissions 0666 when missing) and looks for the slot named `name`. A name of more than
+    /// 256 bytes or with a NUL in it is never found. The file "/data/qvagent/qv_shm_sampling" marks
+    /// the table as ready; without it the first search waits for a rate request 60 seconds later.
     /// @return 0: slot found; -1: no table, not ready, or not among the slots in use; -2: every
     ///   slot holds another name. The reader works in each case.
     int init(std::string& name, int shmKey, int shmSize);

@@ -1,7 +1,6 @@
 #include "record_text.h"
 
 #include <arpa/inet.h>
-#include <stdio.h>
 #include <string.h>
 
 #include <charconv>
@@ -11,6 +10,45 @@
 
 namespace Quorvel {
 namespace {
+
+const char kFormatPrefix[] = "_msg=";
+
+// Whether printf(3) may find the byte between the percent sign of a conversion and its letter.
+bool isModifier(char byte) {
+    switch (byte) {
+        case '-':
+        case '+':
+        case ' ':
+        case '#':
+        case '\'':
+        case 'I':
+        case '.':
+        case '*':
+        case '$':
+        case 'h':
+        case 'l':
+        case 'q':
+        case 'L':
+        case 'j':
+        case 'z':
+        case 'Z':
+        case 't':
+        case 'w':
+            return true;
+        default:
+            return byte >= '0' && byte <= '9';
+    }
+}
+
+// @return where a conversion that begins at `percent` and ends in a percent sign ends; `percent`
+// itself when it ends in anything else.
+const char* literalPercentEnd(const char* percent) {
+    const char* p = percent + 1;
+    while (isModifier(*p)) {
+        ++p;
+    }
+    return *p == '%' ? p + 1 : percent;
+}
 
 constexpr std::string_view kIdKeys[] = {
     "typeid=", "&time=", "&logid=2000000000&mid=", "&sid=", "&ifid="};
@@ -77,7 +115,8 @@ int readOctet(const char*& text) {
 
 void rewriteFormat(const char* fmt, char (&area)[kFormatSize]) {
     const size_t limit = kFormatSize - 1;
-    size_t length = static_cast<size_t>(snprintf(area, sizeof(area), "_msg="));
+    size_t length = sizeof(kFormatPrefix) - 1;
+    memcpy(area, kFormatPrefix, length);
     const char* literalEnd = fmt;
     for (const char* p = fmt; *p != '\0' && length < limit; ++p) {
         if (*p != '%') {
@@ -85,8 +124,7 @@ void rewriteFormat(const char* fmt, char (&area)[kFormatSize]) {
             continue;
         }
         if (p >= literalEnd) {
-            const char* const conversion = p + 1 + strspn(p + 1, "-+ #0'I123456789.*$hlqLjzt");
-            literalEnd = *conversion == '%' ? conversion + 1 : p;
+            literalEnd = literalPercentEnd(p);
         }
         if (p != fmt) {
             area[length++] = '\t';

@@ -46,12 +46,12 @@ class DescriptorLock final : public ForkMember {
 
 DescriptorLock descriptorLock;
 
-__attribute__((constructor)) void enrolDescriptorLock() { enrol(descriptorLock); }
+__attribute__((constructor)) void enrolDescriptorLock() { enrol(descriptorLock, nullptr); }
 
 }  // namespace
 
 struct SocketClient::State final : ForkMember {
-    explicit State(SocketClient& owner) : client(owner) { enrol(*this); }
+    explicit State(SocketClient& owner) : client(owner) { enrol(*this, &owner); }
     ~State() { withdraw(*this); }
 
     void lockForFork() override;
@@ -64,7 +64,7 @@ struct SocketClient::State final : ForkMember {
     std::mutex sendLock;
     /// The descriptor that a forked child must close, also while it is still being connected.
     std::atomic<int> openFd{-1};
-    /// Failed stream sends so far; changed under sendLock.
+    /// Connections and attempts given up so far; of a stream, changed under sendLock.
     std::atomic<unsigned> failures{0};
     /// Whether the locks exist, and whether a fork took them: init() may run on another thread.
     std::atomic<bool> locksExist{false};
@@ -98,8 +98,8 @@ void SocketClient::State::renewInChild() {
     }
     if (locksExist) {
         new (&sendLock) std::mutex;
-        pthread_rwlock_init(&client.m_connLock, nullptr);
-        pthread_rwlock_init(&client.m_errMsgrwlock, nullptr);
+        initWritersFirst(client.m_connLock);
+        initWritersFirst(client.m_errMsgrwlock);
     }
 }
 
@@ -148,8 +148,8 @@ int SocketClient::init(int8_t sockType, bool isLock) {
     m_iFd = -1;
     m_bConnected = false;
     if (isLock) {
-        pthread_rwlock_init(&m_errMsgrwlock, nullptr);
-        pthread_rwlock_init(&m_connLock, nullptr);
+        initWritersFirst(m_errMsgrwlock);
+        initWritersFirst(m_connLock);
         m_pState->locksExist = true;
     }
     m_bNeedLock = isLock;
@@ -182,9 +182,9 @@ int SocketClient::stream_write(char* buff, int length, bool lock, char* failure)
     // Whoever waited while another's send failed does not try next: its own waiting would come on
     // top of the waiting that is over.
     const bool waited = !m_bConnected && failures != m_pState->failures;
-    const int res = waited ? refuse_attempt() : connected_write(buff, length, lock);
+    const int res =
+        waited ? refuse_attempt(back_off_left(time(nullptr))) : connected_write(buff, length, lock);
     if (res != QV_ERR_OK) {
-        m_pState->failures = m_pState->failures + 1;
         copy_errmsg(failure);
     }
     return res;
@@ -225,22 +225,24 @@ int SocketClient::connected_write(char* buff, int length, bool lock) {
     return fd;
 }
 
-int64_t SocketClient::back_off_left() {
-    return m_iLastConnTime + kBackOffSeconds - static_cast<int64_t>(time(nullptr));
+int64_t SocketClient::back_off_left(time_t now) const {
+    return m_iLastConnTime + kBackOffSeconds - static_cast<int64_t>(now);
 }
 
-int SocketClient::refuse_attempt() {
+int SocketClient::refuse_attempt(int64_t seconds) {
     update_errmsg("return directly and will retry after [%d] seconds",
-                  static_cast<int>(std::max<int64_t>(back_off_left(), 0)));
+                  static_cast<int>(std::max<int64_t>(seconds, 0)));
     return QV_ERR_CONNECT;
 }
 
 bool SocketClient::needRetry() {
-    if (back_off_left() > 0) {
-        refuse_attempt();
+    const time_t now = time(nullptr);
+    const int64_t left = back_off_left(now);
+    if (left > 0) {
+        refuse_attempt(left);
         return false;
     }
-    m_iLastConnTime = static_cast<uint32_t>(time(nullptr));
+    m_iLastConnTime = static_cast<uint32_t>(now);
     return true;
 }
 
@@ -379,6 +381,7 @@ int SocketClient::open_socket(int family, int type) {
 [[gnu::cold, gnu::noinline]] void SocketClient::disconnect(int fd) {
     const std::lock_guard<std::mutex> guard(descriptorLock.mutex);
     m_bConnected = false;
+    ++m_pState->failures;
     m_pState->openFd = -1;
     close(fd);
 }

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <stdint.h>
 #include <sys/un.h>
+#include <time.h>
 
 #include <atomic>
 #include <string>
@@ -21,9 +22,9 @@ namespace Quorvel {
 ///
 /// How long a send may take: an attempt to connect waits at most 150 ms; a stream write waits at
 /// most 5 ms (rounded up to the kernel's clock tick) each time that the agent leaves the socket's
-/// buffer of 1 MiB full. With locking, writers on one stream take turns: a call also waits for the
-/// ones ahead of it, but one that waited while another failed gives up at once. A datagram never
-/// waits.
+/// buffer of 1 MiB full. With locking, writers on one stream take turns in no fixed order, so a
+/// call also waits for those that get ahead of it; one that waited while another failed gives up at
+/// once. A datagram never waits.
 ///
 /// Thread safety: init() and the destructor need the object to themselves. After init(type, true),
 /// any number of threads may send with `lock` true; otherwise no two operations may overlap. Every
@@ -77,8 +78,8 @@ class SocketClient {
     int stream_write(char* buff, int length, bool lock, char* failure);
     int connected_write(char* buff, int length, bool lock);
     int conn(bool lock);
-    int64_t back_off_left();
-    int refuse_attempt();
+    int64_t back_off_left(time_t now) const;
+    int refuse_attempt(int64_t seconds);
     bool needRetry();
     int real_conn();
     bool start_connect(int fd, bool local);

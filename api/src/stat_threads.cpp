@@ -25,7 +25,7 @@ extern pthread_t stat_pid __attribute__((alias("statPid"), visibility("default")
 namespace Quorvel {
 namespace {
 
-__attribute__((constructor)) void enrolStatThreads() { enrol(statThreads); }
+__attribute__((constructor)) void enrolStatThreads() { enrol(statThreads, nullptr); }
 
 }  // namespace
 
