@@ -304,9 +304,9 @@ std::string CLogger::get_errmsg() {
 }
 
 // Apart, so that a record that is dropped saves no register for the search.
-[[gnu::noinline]] int CLogger::write_without_rate(const char* data, unsigned int len,
-                                                  int8_t logType, int8_t proType,
-                                                  unsigned int timestamp) {
+[[gnu::flatten, gnu::noinline]] int CLogger::write_without_rate(const char* data, unsigned int len,
+                                                                int8_t logType, int8_t proType,
+                                                                unsigned int timestamp) {
     m_pSampling->tryGetIndex();
     return comm_write(data, len, logType, proType, timestamp);
 }

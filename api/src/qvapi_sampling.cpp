@@ -118,19 +118,16 @@ int Sampling::findIndex() {
     return -2;
 }
 
-[[gnu::noinline]] int Sampling::tryGetIndex() {
-    if (time(nullptr) - m_lastGetTime < kRetrySeconds) {
-        return 0;
-    }
+int Sampling::tryGetIndex() {
+    return time(nullptr) - m_lastGetTime < kRetrySeconds ? 0 : retryLookup();
+}
+
+[[gnu::cold, gnu::noinline]] int Sampling::retryLookup() {
     const CallScope scope;
     const std::unique_lock<std::mutex> guard(m_pState->lookup, std::try_to_lock);
     if (!guard.owns_lock() || time(nullptr) - m_lastGetTime < kRetrySeconds) {
         return 0;
     }
-    return retryLookup();
-}
-
-int Sampling::retryLookup() {
     if (m_status == kNoTable) {
         const int ret = getShm(m_key, m_size);
         if (ret != 0) {
