@@ -8,7 +8,6 @@
 #include <memory>
 #include <vector>
 
-#include "fallback_records.h"
 #include "qvapi_cpp.h"
 #include "support.h"
 #include "test_agent.h"
@@ -22,14 +21,14 @@ NEXT(send);
 NEXT(write);
 NEXT(connect);
 NEXT(close);
-NEXT(socket);
 NEXT(pthread_create);
 
 std::atomic<bool> connected[4096];  ///< which descriptors are the library's sockets
 std::atomic<bool> strayed{false};   ///< something was sent over another one
 std::string awaited;                ///< the text whose writing sets `seen`
 std::atomic<bool> seen{false};
-std::string interruptedCall;  ///< in which a signal comes, once
+std::atomic<bool> torn{false};  ///< a merge was written in part
+std::string interruptedCall;    ///< in which a signal comes, once
 
 void interrupt(const char* call) {
     if (interruptedCall == call) {
@@ -38,18 +37,15 @@ void interrupt(const char* call) {
     }
 }
 
+/// A merge gives the values "a" to "z" of a text the same change.
 void look(const void* data, size_t length) {
-    if (!awaited.empty() && memmem(data, length, awaited.data(), awaited.size()) != nullptr) {
-        seen = true;
-    }
+    const std::string text(static_cast<const char*>(data), awaited.empty() ? 0 : length);
+    seen = seen || (!awaited.empty() && text.find(awaited) != std::string::npos);
+    const size_t first = text.find("&a="), last = text.find("&z=");
+    torn = torn || (last < length && atoi(&text[first + 3]) != atoi(&text[last + 3]));
 }
 
 }  // namespace
-
-extern "C" int socket(int family, int type, int protocol) noexcept {
-    interrupt("socket");
-    return next_socket(family, type, protocol);
-}
 
 extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
     interrupt("connect");
@@ -84,16 +80,9 @@ extern "C" int pthread_create(pthread_t* id, const pthread_attr_t* attributes,
 namespace Quorvel {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-const bool kIsSanitized = true;
-#else
-const bool kIsSanitized = false;
-#endif
-
-/// A socket that the library connected and did not close; -1 when there is none.
+/// A socket that the library connected and did not close; 4096 when there is none.
 int connectedSocket() {
-    const auto entry = std::find(std::begin(connected), std::end(connected), true);
-    return entry != std::end(connected) ? static_cast<int>(entry - connected) : -1;
+    return static_cast<int>(std::find(connected, std::end(connected), true) - connected);
 }
 
 class ForkTest : public testing::Test {
@@ -107,11 +96,9 @@ class ForkTest : public testing::Test {
     void runInChild(const std::vector<std::function<bool()>>& steps) {
         const pid_t child = fork();
         if (child == 0) {
-            int number = 1;
-            for (auto step = steps.begin(); step != steps.end() && (*step)(); ++step) {
-                ++number;
-            }
-            _exit(number > static_cast<int>(steps.size()) ? 0 : number);
+            const auto failed =
+                std::find_if(steps.begin(), steps.end(), [](const auto& step) { return !step(); });
+            _exit(failed == steps.end() ? 0 : 1 + static_cast<int>(failed - steps.begin()));
         }
         m_children[child] = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     }
@@ -132,6 +119,14 @@ class ForkTest : public testing::Test {
 
  private:
     std::map<pid_t, std::chrono::steady_clock::time_point> m_children;
+};
+
+class ForkThreadTest : public ForkTest {
+    void SetUp() override {
+        if (kIsSanitized) {
+            GTEST_SKIP() << "the sanitizers fail in a forked child that starts a thread";
+        }
+    }
 };
 
 TEST_F(ForkTest, GivesTheChildASocketOfItsOwnAtOnce) {
@@ -170,7 +165,7 @@ TEST_F(ForkTest, WaitsForNothingInAHandlerThatInterruptedACall) {
         child == 0 ? _exit(42) : static_cast<void>(waitpid(child, &handlersChild, 0));
     });
     TestAgent agent(kUnix);
-    for (const std::string call : {"socket", "connect", "send", "write", "pthread_create"}) {
+    for (const std::string call : {"connect", "send", "write", "pthread_create"}) {
         SCOPED_TRACE(call);
         const int code = call == "write" ? 7 : 0;
         CLogger logger(code == 7 ? kTcp : kUnix);
@@ -185,38 +180,32 @@ TEST_F(ForkTest, WaitsForNothingInAHandlerThatInterruptedACall) {
         EXPECT_EQ(WEXITSTATUS(handlersChild), 42);
         handlersChild = 0;
     }
-    EXPECT_TRUE(eventually([&] { return agent.recordCount() == 8; }));
+    EXPECT_TRUE(eventually([&] { return agent.recordCount() == 6; }));
     EXPECT_EQ(fallbackRecords().size(), 2U);
 }
 
-TEST_F(ForkTest, StartsAThreadForTheFirstLoggerThatClosesABatchInTheChild) {
-    if (kIsSanitized) {
-        GTEST_SKIP() << "the sanitizers fail in a forked child that starts a thread";
-    }
-    const auto* const statPid = static_cast<pthread_t*>(dlsym(RTLD_DEFAULT, "stat_pid"));
-    auto a = std::make_unique<CLogger>(), b = std::make_unique<CLogger>();
-    std::map<std::string, int> values;
-    for (CLogger* logger : {a.get(), b.get()}) {
-        ASSERT_EQ(logger->init("app"), 0);
-        ASSERT_EQ(logger->set_stat(true, 1, 0, 0), 0);
-    }
-    const auto closes = [&](CLogger& logger, const char* text) {
-        return logger.write_statlogs("a", values, 0, 1) == 0 && logger.get_errmsg() == text;
+TEST_F(ForkThreadTest, LeavesLoggersOnTheStacksOfLostThreadsOutOfAChildsOwnForks) {
+    std::atomic<bool> done{false}, ready{false}, overwritten{false};
+    std::thread owner([&] {
+        CLogger logger;
+        ready = true;
+        eventually([&] { return done.load(); });
+    });
+    ASSERT_TRUE(eventually([&] { return ready.load(); }));
+    const auto overwriteStack = [&] {
+        char stack[32768];
+        explicit_bzero(memset(stack, 0x5A, sizeof(stack)), 0);
+        overwritten = true;
+        pause();
     };
-    const auto threads = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-    };
-    const pthread_t before = *statPid;
     runInChild({
-        [&] { return *statPid == ~pthread_t{0}; },
-        [&] { return closes(*a, "the statistical thread did not exists or already quit"); },
-        [&] { return closes(*b, "") && threads() == 2; },
-        [&] { return b.reset(), threads() == 2; },
-        [&] { return a.reset(), eventually([&] { return threads() == 1; }); },
-        [&] { return *statPid == ~pthread_t{0}; },
+        [&] { return std::thread(overwriteStack).detach(), true; },
+        [&] { return eventually([&] { return overwritten.load(); }); },
+        [&] { return runInChild({}), awaitChildren(0), !HasFailure(); },
     });
     awaitChildren(0);
-    EXPECT_EQ(*statPid, before);
+    done = true;
+    owner.join();
 }
 
 /// What the application's own threads write.
@@ -224,10 +213,7 @@ std::string bodyOf(int thread, int number) {
     return std::to_string(thread) + ":" + std::to_string(number) + std::string(number % 300, '.');
 }
 
-TEST_F(ForkTest, LeavesEveryChildUsableLoggersWhileOtherThreadsUseThem) {
-    if (kIsSanitized) {
-        GTEST_SKIP() << "the sanitizers fail in a forked child that starts a thread";
-    }
+TEST_F(ForkThreadTest, LeavesEveryChildUsableLoggersWhileOtherThreadsUseThem) {
     const int kForks = 1000, kThreads = 4, kAlive = 50;
     TestAgent agent(kUnix);
     std::unique_ptr<CLogger> loggers[] = {std::make_unique<CLogger>(), std::make_unique<CLogger>()};
@@ -235,8 +221,11 @@ TEST_F(ForkTest, LeavesEveryChildUsableLoggersWhileOtherThreadsUseThem) {
         ASSERT_EQ(logger->init("app"), 0);
     }
     CLogger& merged = *loggers[0];
-    ASSERT_EQ(merged.set_stat(true, 1, 0, 0), 0);
-    std::map<std::string, int> values = {{"n", 1}}, expected, written;
+    ASSERT_EQ(merged.set_stat(true, 1, 1, 99), 0);
+    std::map<std::string, int> values, expected, written;
+    for (char name = 'a'; name <= 'z'; ++name) {
+        values[std::string(1, name)] = 1;
+    }
     std::atomic<bool> done{false};
     std::atomic<int> numbers[kThreads] = {};
     std::vector<std::thread> threads;
@@ -244,39 +233,40 @@ TEST_F(ForkTest, LeavesEveryChildUsableLoggersWhileOtherThreadsUseThem) {
         threads.emplace_back([&, thread] {
             for (; !done; ++numbers[thread], usleep(200)) {
                 CLogger own;  // one of the threads writes each record through a logger of its own
-                thread == 0 ? own.init("app") : 0;
+                own.init("app");
                 (thread == 0 ? own : *loggers[thread % 2])
                     .write_baselog(0, bodyOf(thread, numbers[thread]), false, 1);
             }
         });
     }
     threads.emplace_back([&] {
-        for (; !done; usleep(200)) {
-            merged.write_statlogs("merged", values, QV_STAT_TYPE_SUM, 1);
+        for (unsigned int n = 0; !done; ++n) {
+            merged.write_statlogs("merged " + std::to_string(n % 50), values, 1, n / 2000);
+            n % 500 == 0 ? usleep(5000) : 0;  // the children inherit what is queued
         }
     });
     for (int i = 0; i < kForks; ++i) {
         const std::string name = "child " + std::to_string(i);
         expected[name] = 1;
         runInChild({
-            [&] { return connectedSocket() == -1; },
+            [&] { return connectedSocket() == 4096; },
             [&] { return awaited = name + " closed", true; },
             [&] { return loggers[i % 2]->write_baselog(0, name, false, 1) <= 8; },
-            [&] { return merged.write_statlogs(awaited, values, 0, 1) == 0; },
+            [&] { return merged.write_statlogs(awaited, values, 0, 0) == 0; },
             [&] { return merged.write_statlogs("open", values, 0, 1) == 0; },
             [&] { return eventually([] { return seen.load(); }); },
-            [&] { return loggers[0].reset(), loggers[1].reset(), !strayed; },
+            [&] { return loggers[0].reset(), loggers[1].reset(), !strayed && !torn; },
         });
         awaitChildren(kAlive - 1);
     }
     awaitChildren(0);
     done = true;
-    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+    std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
     loggers[0].reset();
     loggers[1].reset();
     EXPECT_TRUE(eventually([&] { return agent.openConnections() == 0; }));
     for (int thread = 0; thread < kThreads; ++thread) {
-        EXPECT_GT(numbers[thread], kForks);
+        EXPECT_GT(numbers[thread], 0);
         for (int number = 0; number < numbers[thread]; ++number) {
             expected[bodyOf(thread, number)] = 1;
         }
@@ -287,9 +277,6 @@ TEST_F(ForkTest, LeavesEveryChildUsableLoggersWhileOtherThreadsUseThem) {
         }
     }
     EXPECT_TRUE(written == expected) << written.size() << " of " << expected.size();
-    for (const Conversation& heard : agent.conversations()) {
-        EXPECT_EQ(heard.malformed(), "");
-    }
 }
 
 }  // namespace

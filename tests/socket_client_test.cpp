@@ -17,75 +17,64 @@ using Faults = std::map<std::string, Fault>;
 
 Faults faults;  // by the call's name, alone or with the number of the call: "send2"
 std::map<std::string, int> calls;
+int detail = 0;  // of the last call
 int lastFd = -1;
-bool bornCloseOnExec = false;
-
-const Fault* faultOf(const std::string& call) {
-    const std::string nth = call + std::to_string(++calls[call]);
-    const auto found = faults.find(faults.count(nth) != 0 ? nth : call);
-    errno = found != faults.end() ? found->second.error : errno;
-    return found != faults.end() ? &found->second : nullptr;
-}
 
 template <typename... Arguments>
-int call(const char* name, Arguments... arguments) {
-    const Fault* const fault = faultOf(name);
-    return fault != nullptr ? fault->result : Quorvel::callReal<int>(name, arguments...);
+int call(const std::string& name, Arguments... arguments) {
+    const std::string nth = name + std::to_string(++calls[name]);
+    const auto found = faults.find(faults.count(nth) != 0 ? nth : name);
+    detail = 0;
+    if (found == faults.end()) {
+        return Quorvel::callReal<int>(name.c_str(), arguments...);
+    }
+    detail = found->second.detail;
+    errno = found->second.error;
+    return found->second.result;
 }
 
 }  // namespace
 
 extern "C" int socket(int domain, int type, int protocol) noexcept {
-    bornCloseOnExec = (type & SOCK_CLOEXEC) != 0;
+    EXPECT_NE(type & SOCK_CLOEXEC, 0);
     return call("socket", domain, type, protocol);
 }
 
 extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
     lastFd = fd;
-    Quorvel::now += faults.count("connect") != 0 ? faults["connect"].detail : 0;
-    return call("connect", fd, address, length);
+    const int res = call("connect", fd, address, length);
+    Quorvel::now += detail;
+    return res;
 }
 
 extern "C" int poll(pollfd* entries, nfds_t count, int timeout) {
-    if (faults.count("poll") != 0) {
-        EXPECT_TRUE(entries->events == (POLLIN | POLLOUT) && timeout == 150);
-        entries->revents = static_cast<short>(faults["poll"].detail);
-    }
-    return call("poll", entries, count, timeout);
+    const int res = call("poll", entries, count, timeout);
+    EXPECT_TRUE(timeout == 0 || (timeout == 150 && entries->events == (POLLIN | POLLOUT)));
+    entries->revents = static_cast<short>(entries->revents | detail);
+    return res;
 }
 
 extern "C" int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
-    *static_cast<int*>(value) = faults["getsockopt"].detail;
-    return call("getsockopt", fd, level, option, value, size);
+    const int res = call("getsockopt", fd, level, option, value, size);
+    *static_cast<int*>(value) |= detail;
+    return res;
 }
 
+// Gets the flags of a new socket, sets them, and the same again for streams once they are
+// connected.
 extern "C" int fcntl(int fd, int command, ...) {
     va_list arguments;
     va_start(arguments, command);
     const long argument = va_arg(arguments, long);
     va_end(arguments);
-    const Fault* const fault = command == F_GETFL           ? faultOf("getfl")
-                               : command == F_SETFL         ? faultOf("setfl")
-                               : command == F_DUPFD_CLOEXEC ? faultOf("dupfd")
-                                                            : nullptr;
-    return fault != nullptr ? fault->result
-                            : Quorvel::callReal<int>("fcntl", fd, command, argument);
+    return call("fcntl", fd, command, argument);
 }
 
 extern "C" ssize_t send(int fd, const void* data, size_t length, int flags) {
-    lastFd = fd;
-    const Fault* const fault = faultOf("send");
-    const size_t size = fault != nullptr ? static_cast<size_t>(fault->result) : length;
-    return size > length ? -1 : Quorvel::callReal<ssize_t>("send", fd, data, size, flags);
+    return call("send", fd, data, length, flags);
 }
 
-// Calls that succeed may change errno, too.
-extern "C" int close(int fd) {
-    const int res = Quorvel::callReal<int>("close", fd);
-    errno = E2BIG;
-    return res;
-}
-
+// A call that succeeds may change errno, too.
 extern "C" int pthread_rwlock_wrlock(pthread_rwlock_t* lock) noexcept {
     errno = E2BIG;
     return Quorvel::callReal<int>("pthread_rwlock_wrlock", lock);
@@ -94,163 +83,82 @@ extern "C" int pthread_rwlock_wrlock(pthread_rwlock_t* lock) noexcept {
 namespace Quorvel {
 namespace {
 
-const time_t kStart = 1400000000;
-
-std::string retryAfter(int seconds) {
-    return "return directly and will retry after [" + std::to_string(seconds) + "] seconds";
-}
-
-class SocketClientTest : public testing::Test {
- protected:
-    SocketClientTest() { now = kStart; }
-    ~SocketClientTest() override { EXPECT_EQ(openFiles(), m_openFiles); }
-
-    // Sends "hello" through calls that fail as told, and leaves in `calls` what was called.
-    static int send(SocketClient& client, const Faults& told = {}, bool lock = true) {
-        char data[] = "hello";
-        faults = told;
-        calls.clear();
-        const int res = keepingErrno([&] { return client.sendWithoutRecv(data, 5, lock); });
-        faults.clear();
-        return res;
-    }
-    static void expectBackOff(SocketClient& client) {
-        EXPECT_EQ(send(client), 7);
-        EXPECT_EQ(client.get_errmsg(), retryAfter(3));
-        EXPECT_TRUE(calls.empty());
-        now += 3;
-        EXPECT_EQ(send(client), 0);
-    }
-
- private:
-    const ptrdiff_t m_openFiles = openFiles();
-};
-
-TEST_F(SocketClientTest, TellsWhichStepOfConnectingFailedAndBacksOff) {
-    const std::pair<std::string, Fault> pending = {"connect", {-1, EINPROGRESS}};
-    const std::pair<std::string, Fault> connected = {"connect", {0}};
-    const std::pair<Faults, std::string> rows[] = {
-        {{{"socket", {-1, EMFILE}}}, "create socket error:-1"},
-        {{{"setfl1", {-1, EBADF}}}, "setnonblock error:-1"},
-        {{{"connect", {-1, ECONNREFUSED}}}, "connect failed:[Connection refused]"},
-        {{pending, {"poll", {-1, EINTR}}}, "poll erro,ret:[-1],fd:["},
-        {{pending, {"poll", {0, EINPROGRESS}}},
-         "syncConnect connect timeout. 0 Operation now in progress"},
-        {{{"connect", {-1, EAGAIN}}, {"poll", {0, EAGAIN}}},
-         "syncConnect connect timeout. 0 Resource temporarily unavailable"},
-        {{pending, {"poll", {1, EINPROGRESS, POLLPRI}}},
-         "syncConnect connect timeout. 1 Operation now in progress"},
-        {{pending, {"poll", {1, 0, POLLOUT}}, {"getsockopt", {-1, ENOTSOCK}}},
-         "1 syncConnect connect timeout. ret[1] Socket operation on non-socket"},
-        {{pending, {"poll", {1, 0, POLLIN | POLLERR}}, {"getsockopt", {0, EINPROGRESS, 111}}},
-         "2 syncConnect connect timeout. ret[1] error[111] Operation now in progress"},
-        {{pending, {"poll", {1, 0, POLLHUP}}}, "POLL except error,ret:[1], fd:["},
-        {{connected, {"getfl2", {-1, EBADF}}}, "setblock error:-1"},
-        {{connected, {"setfl2", {-1, EBADF}}}, "setblock error:-1"},
-    };
-    for (const int8_t transport : {kUnix, kTcp}) {
-        for (const auto& [told, text] : rows) {
-            SCOPED_TRACE(text);
-            Agent agent(transport);
-            const ptrdiff_t files = openFiles();
-            SocketClient client;
-            client.init(transport, true);
-            EXPECT_EQ(send(client, told), 7);
-            const std::string fd = text.back() == '[' ? std::to_string(lastFd) + "]" : "";
-            EXPECT_EQ(client.get_errmsg(), text + fd);
-            EXPECT_EQ(openFiles(), files);
-            expectBackOff(client);
-            EXPECT_EQ(agent.receive(5), "hello");
-        }
-    }
-}
-
-TEST_F(SocketClientTest, CountsTheBackOffFromTheStartOfTheLastAttempt) {
-    SocketClient client;
-    client.init(kUnix, false);
-    const Faults slow = {{"connect", {-1, ENOENT, 2}}};
-    EXPECT_EQ(send(client, slow, false), 7);
-    const std::pair<int, std::string> rows[] = {
-        {2, retryAfter(1)}, {0, retryAfter(3)},
-        {1, retryAfter(2)}, {-100, retryAfter(103)},
-        {2, retryAfter(1)}, {3, "connect failed:[No such file or directory]"}};
-    for (const auto& [elapsed, text] : rows) {
-        now = kStart + elapsed;
-        EXPECT_EQ(send(client, slow, false), 7);
-        EXPECT_EQ(client.get_errmsg(), text);
-        EXPECT_EQ(calls.empty(), elapsed < 3);
-    }
-}
-
-TEST_F(SocketClientTest, WritesOnAfterAShortSendAndDisconnectsAfterAFailedOne) {
-    const std::pair<Faults, int> rows[] = {{{{"send1", {2}}, {"send2", {1}}}, 5},
-                                           {{{"send1", {3}}, {"send2", {-1, EAGAIN}}}, 3},
-                                           {{{"send1", {1}}, {"send2", {-1, EINTR}}}, 1}};
-    for (const auto& [told, sent] : rows) {
-        Agent agent(kTcp);
-        const ptrdiff_t files = openFiles();
-        SocketClient client;
-        client.init(-1, true);
-        EXPECT_EQ(send(client, told), sent == 5 ? 0 : 8);
-        EXPECT_EQ(openFiles(), files + (sent == 5 ? 1 : 0));
-        EXPECT_EQ(agent.receive(sent), std::string("hello").substr(0, sent));
-        if (sent < 5) {
-            EXPECT_EQ(client.get_errmsg(),
-                      "sendWithoutRecv buff length 5, write res " + std::to_string(sent));
-            expectBackOff(client);
-        }
-    }
-}
-
-TEST_F(SocketClientTest, TriesADatagramSocketAgainAtTheNextSend) {
-    const std::tuple<Faults, std::string, int> rows[] = {
-        {{{"socket", {-1, EMFILE}}}, "24] errmsg[Too many open files]", 1},
-        {{{"connect", {-1, ENETDOWN}}}, "100] errmsg[Network is down]", 1},
-        {{{"setfl", {-1, EBADF}}}, "9] errmsg[Bad file descriptor]", 1},
-        {{{"send", {-1, ECONNREFUSED}}}, "111] errmsg[Connection refused]", 0},
-        {{{"send", {2}}}, "", 0}};
-    for (const auto& [told, text, reopens] : rows) {
-        SCOPED_TRACE(text);
-        Agent agent(kUdp);
-        const ptrdiff_t files = openFiles();
-        SocketClient client;
-        client.init(5, true);
-        EXPECT_EQ(send(client, told), 17);
-        EXPECT_EQ(client.get_errmsg().find("send udp message failed error[" + text), 0U);
-        EXPECT_EQ(openFiles(), files + 1 - reopens);
-        EXPECT_EQ(send(client), 0);
-        EXPECT_EQ(calls["socket"], reopens);
-    }
-}
-
-TEST_F(SocketClientTest, RefusesWhatIsNoRequestBeforeItTouchesTheNetwork) {
-    char data[] = "x";
-    SocketClient client;
-    client.init(kUnix, true);
+// Sends "hello" through calls that fail as told, and leaves in `calls` what was called.
+int send(SocketClient& client, const Faults& told = {}) {
+    char data[] = "hello";
+    faults = told;
     calls.clear();
-    EXPECT_EQ(client.sendWithoutRecv(nullptr, 0, true), 4);
-    EXPECT_EQ(client.get_errmsg(), "sendWithoutRecv buff is null");
-    EXPECT_EQ(client.sendWithoutRecv(data, -5, true), 6);
-    EXPECT_EQ(client.get_errmsg(), "sendWithoutRecv buff length -5");
-    EXPECT_EQ(client.sendWithoutRecv(data, 0, true), 6);
-    EXPECT_TRUE(calls.empty());
+    const int res = keepingErrno([&] { return client.sendWithoutRecv(data, 5, true); });
+    faults.clear();
+    return res;
 }
 
-TEST_F(SocketClientTest, StaysOffTheStandardStreamsAndOutOfOtherPrograms) {
-    const std::pair<int8_t, Transport> rows[] = {{0, kUnix}, {1, kTcp}, {-128, kTcp}, {127, kUdp}};
-    for (const auto& [type, transport] : rows) {
-        SCOPED_TRACE(int{type});
+TEST(SocketClientTest, TellsWhichStepFailedAndClosesAndBacksOff) {
+    const Faults::value_type pending = {"connect", {-1, EINPROGRESS}};
+    const Faults::value_type full = {"connect", {-1, EAGAIN}};
+    const Faults::value_type out = {"poll", {1, 0, POLLOUT}};
+    const std::string timeout = "syncConnect connect timeout. ";
+    const std::string unsent = "sendWithoutRecv buff length 5, write res ";
+    const std::string datagram = "send udp message failed error[";
+    const std::tuple<int, Faults, std::string> rows[] = {
+        {7, {{"socket", {-1, EMFILE}}}, "create socket error:-1"},
+        {7, {{"fcntl2", {-1, EBADF}}}, "setnonblock error:-1"},
+        {7, {{"connect", {-1, ECONNREFUSED, 2}}}, "connect failed:[Connection refused]"},
+        {7, {pending, {"poll", {-1, EINTR}}}, "poll erro,ret:[-1],fd:["},
+        {7, {full, {"poll", {0, ENOENT}}}, timeout + "0 No such file or directory"},
+        {7, {pending, {"poll", {1, EIO, POLLPRI}}}, timeout + "1 Input/output error"},
+        {7, {pending, out, {"getsockopt", {-1, EPIPE}}}, "1 " + timeout + "ret[1] Broken pipe"},
+        {7, {pending, out, {"getsockopt", {0, 0, 9}}}, "2 " + timeout + "ret[1] error[9] Success"},
+        {7, {pending, {"poll", {1, 0, POLLHUP}}}, "POLL except error,ret:[1], fd:["},
+        {7, {{"connect", {0}}, {"fcntl4", {-1, EBADF}}}, "setblock error:-1"},
+        {8, {{"send1", {3}}, {"send2", {-1, EAGAIN}}}, unsent + "3"},
+        {17, {{"socket", {-1, EMFILE}}}, datagram + "24] errmsg[Too many open files]"},
+        {17, {{"connect", {-1, ENETDOWN}}}, datagram + "100] errmsg[Network is down]"},
+        {17, {{"fcntl2", {-1, EBADF}}}, datagram + "9] errmsg[Bad file descriptor]"},
+        {17, {{"send", {-1, ECONNREFUSED}}}, datagram + "111] errmsg[Connection refused]"},
+    };
+    for (const auto& [code, told, text] : rows) {
+        SCOPED_TRACE(text);
+        const time_t start = now = 1400000000;
+        const Transport transport = code == 17 ? kUdp : kUnix;
+        Agent agent(transport);
+        const ptrdiff_t files = openFiles();
+        SocketClient client;
+        client.init(transport, true);
+        EXPECT_EQ(send(client, told), code);
+        const std::string fd = text.back() == '[' ? std::to_string(lastFd) + "]" : "";
+        EXPECT_EQ(client.get_errmsg(), text + fd);
+        EXPECT_EQ(openFiles(), files + static_cast<int>(told.count("send")));
+        for (const int elapsed : code == 17 ? std::vector<int>() : std::vector<int>{0, 2, -100}) {
+            now = start + elapsed;
+            EXPECT_EQ(send(client), 7);
+            EXPECT_EQ(client.get_errmsg(), "return directly and will retry after [" +
+                                               std::to_string(3 - elapsed) + "] seconds");
+            EXPECT_TRUE(calls.empty());
+        }
+        now = start + 3;
+        EXPECT_EQ(send(client), 0);
+        EXPECT_EQ(agent.receive(5), code == 8 ? "" : "hello");
+    }
+}
+
+TEST(SocketClientTest, SendsAllOffTheStandardStreamsAndOutOfOtherPrograms) {
+    char empty[] = "";
+    const Faults twoBytes = {{"send1", {2}}};  // only told to have been sent
+    const std::tuple<int8_t, Transport, Faults, std::string> rows[] = {
+        {0, kUnix, twoBytes, "llo"}, {-128, kTcp, twoBytes, "llo"}, {127, kUdp, {}, "hello"}};
+    for (const auto& [type, transport, told, sent] : rows) {
         Agent agent(transport);
         SocketClient client;
         client.init(type, true);
-        int res = withoutStandardStreams([&] { return send(client, {{"dupfd", {-1, EMFILE}}}); });
-        EXPECT_EQ(res, transport == kUdp ? 17 : 7);
-        now += 3;
-        res = withoutStandardStreams([&] { return send(client); });
-        EXPECT_EQ(res, 0);
-        EXPECT_EQ(agent.receive(5), "hello");
-        EXPECT_TRUE(bornCloseOnExec);
-        EXPECT_GT(lastFd, 2);
+        EXPECT_EQ(client.sendWithoutRecv(nullptr, 0, true), 4);
+        EXPECT_EQ(client.get_errmsg(), "sendWithoutRecv buff is null");
+        EXPECT_EQ(client.sendWithoutRecv(empty, 0, true), 6);
+        EXPECT_EQ(client.get_errmsg(), "sendWithoutRecv buff length 0");
+        close(0);
+        EXPECT_EQ(send(client, told), 0);
+        EXPECT_EQ(open("/dev/null", O_RDONLY), 0) << "the first descriptor is not free any more";
+        EXPECT_EQ(agent.receive(sent.size()), sent);
         EXPECT_EQ(::fcntl(lastFd, F_GETFD), FD_CLOEXEC);
         EXPECT_EQ((::fcntl(lastFd, F_GETFL) & O_NONBLOCK) != 0, transport == kUdp);
     }

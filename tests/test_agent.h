@@ -1,24 +1,32 @@
 #ifndef QUORVEL_TEST_AGENT_H
 #define QUORVEL_TEST_AGENT_H
 
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "request_decoder.h"
 
 namespace Quorvel {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const bool kIsSanitized = true;
+#else
+const bool kIsSanitized = false;
+#endif
 
 /// Waits until `condition` holds; false when it still does not after a minute.
 template <class Condition>
@@ -33,6 +41,27 @@ bool eventually(Condition condition) {
     return true;
 }
 
+/// The record of a whole request.
+inline Request decoded(const std::string& bytes) {
+    Request record = {};
+    std::string error;
+    EXPECT_TRUE(decodeRequest(bytes.data(), bytes.size(), record, error)) << error;
+    return record;
+}
+
+/// The records of the fallback file, all of which must be whole.
+inline std::vector<Request> fallbackRecords() {
+    std::ifstream file("/data/qvagent/msgdat.dat", std::ios::binary);
+    std::vector<Request> records;
+    for (uint32_t length; file.read(reinterpret_cast<char*>(&length), sizeof(length));) {
+        std::string request(length, 0);
+        file.read(request.data(), length);
+        records.push_back(decoded(request.substr(0, static_cast<size_t>(file.gcount()))));
+    }
+    EXPECT_EQ(file.gcount(), 0) << "bytes of no record at the file's end";
+    return records;
+}
+
 const sockaddr_un kUnixAddress = {AF_UNIX, "/data/container2host/cqv"};
 const sockaddr_in kLoopbackAddress = {AF_INET, htons(20005), {htonl(INADDR_LOOPBACK)}, {}};
 
@@ -41,9 +70,8 @@ inline int openEndpoint(int socketType, int backlog = 128) {
     const auto* address = reinterpret_cast<const sockaddr*>(&kLoopbackAddress);
     socklen_t length = sizeof(kLoopbackAddress);
     if (socketType == 0) {
-        const std::filesystem::path path = kUnixAddress.sun_path;
-        std::filesystem::create_directories(path.parent_path());
-        std::filesystem::remove(path);
+        std::filesystem::create_directories("/data/container2host");
+        unlink(kUnixAddress.sun_path);
         address = reinterpret_cast<const sockaddr*>(&kUnixAddress);
         length = sizeof(kUnixAddress);
     }
@@ -51,9 +79,8 @@ inline int openEndpoint(int socketType, int backlog = 128) {
     const int fd = socket(address->sa_family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (bind(fd, address, length) != 0 || (type == SOCK_STREAM && listen(fd, backlog) != 0)) {
-        throw std::system_error(errno, std::generic_category(), "openEndpoint");
-    }
+    EXPECT_EQ(bind(fd, address, length), 0);
+    EXPECT_TRUE(type == SOCK_DGRAM || listen(fd, backlog) == 0);
     return fd;
 }
 
@@ -63,9 +90,6 @@ struct Conversation {
     bool cut = false;  ///< by the agent; it may have missed whole connections after this one, too
     RequestDecoder decoder = {};
     std::vector<Request> records = {};
-
-    size_t remainder() const { return decoder.pending(); }            ///< bytes of no whole request
-    const std::string& malformed() const { return decoder.error(); }  ///< why they are no request
 };
 
 /// Stands in for the agent on one endpoint, on a thread of its own, from construction on. What it
@@ -95,14 +119,13 @@ class TestAgent {
 
     /// Closes the endpoint and every connection, with what was not read from them.
     void stop() {
-        pause();
         endAll();
-        closeSocket(m_listener);
+        close(m_listener);
+        m_listener = -1;
     }
 
     /// Closes every stream connection, with what was not read from it.
     void cut() {
-        pause();
         endAll();
         proceed();
     }
@@ -127,10 +150,11 @@ class TestAgent {
 
  private:
     void endAll() {
+        pause();
         const std::lock_guard<std::mutex> guard(m_mutex);
-        for (Conversation& conversation : m_conversations) {
-            conversation.cut |= conversation.fd >= 0 || &conversation == &m_conversations.back();
-            end(conversation);
+        for (Conversation& heard : m_conversations) {
+            heard.cut |= heard.fd >= 0 || &heard == &m_conversations.back();
+            end(heard);
         }
     }
 
@@ -148,32 +172,25 @@ class TestAgent {
     bool readSome() {
         const std::lock_guard<std::mutex> guard(m_mutex);
         bool any = false;
-        for (Conversation& conversation : m_conversations) {
-            any = (conversation.fd >= 0 && read(conversation)) || any;
+        for (Conversation& heard : m_conversations) {
+            any = (heard.fd >= 0 && read(heard)) || any;
         }
         return any;
     }
 
-    bool read(Conversation& conversation) {
-        const ssize_t size = recv(conversation.fd, m_bytes, sizeof(m_bytes), MSG_DONTWAIT);
-        if (size > 0) {
-            decode(conversation, static_cast<size_t>(size));
-        } else if (size == 0 || errno != EAGAIN) {
-            end(conversation);
-        }
-        return size > 0;
-    }
-
-    void decode(Conversation& conversation, size_t size) {
-        conversation.decoder.feed(m_bytes, size);
+    bool read(Conversation& heard) {
+        const ssize_t size = recv(heard.fd, m_bytes, sizeof(m_bytes), MSG_DONTWAIT);
+        heard.decoder.feed(m_bytes, static_cast<size_t>(std::max<ssize_t>(size, 0)));
         Request record;
-        while (conversation.decoder.next(record) == RequestDecoder::Status::kRequest) {
-            conversation.records.push_back(record);
+        while (heard.decoder.next(record) == RequestDecoder::Status::kRequest) {
+            heard.records.push_back(record);
             ++m_recordCount;
         }
-        if (m_type == 2 && conversation.remainder() > 0) {
-            end(conversation);  // a datagram that is not whole shows at the end
+        const bool isTornDatagram = m_type == 2 && heard.decoder.pending() > 0;
+        if (size == 0 || (size < 0 && errno != EAGAIN) || isTornDatagram) {
+            end(heard);
         }
+        return size > 0;
     }
 
     void add(int fd) {
@@ -182,23 +199,16 @@ class TestAgent {
         ++m_openConnections;
     }
 
-    void end(Conversation& conversation) {
-        m_openConnections -= conversation.fd >= 0 ? 1 : 0;
-        closeSocket(conversation.fd);
-    }
-
-    // Shut down first: a child of the program may hold the socket as well.
-    static void closeSocket(int& fd) {
-        shutdown(fd, SHUT_RDWR);
-        close(fd);
-        fd = -1;
+    void end(Conversation& heard) {
+        m_openConnections -= heard.fd >= 0 ? 1 : 0;
+        close(heard.fd);
+        heard.fd = -1;
     }
 
     const int m_type;
     int m_listener = -1;
     std::atomic<bool> m_paused{false};
-    std::atomic<size_t> m_recordCount{0};
-    std::atomic<size_t> m_openConnections{0};
+    std::atomic<size_t> m_recordCount{0}, m_openConnections{0};
     std::thread m_thread;
     mutable std::mutex m_mutex;
     std::vector<Conversation> m_conversations;
