@@ -63,6 +63,15 @@ int serveLocal(int type, const char* path) {
     return serve(type, local(path));
 }
 
+bool senderApart = false;
+
+void keepTo(int processor) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(processor, &set);
+    sched_setaffinity(0, sizeof(set), &set);
+}
+
 [[noreturn]] void readForEver(std::vector<pollfd> sockets, size_t listeners, Pace pace,
                               std::atomic<uint64_t>& received) {
     std::vector<char> bytes(pace == Pace::kSlow ? 4096 : 262144);
@@ -106,6 +115,9 @@ Agent::Agent(Pace pace) {
     check(m_pid >= 0, "fork");
     if (m_pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (senderApart) {
+            keepTo(1);
+        }
         readForEver(std::move(sockets), 2, pace, *m_received);
     }
     for (const pollfd& entry : sockets) {
@@ -127,6 +139,19 @@ void Agent::settle() const {
         before = *m_received;
         usleep(100);
     } while (*m_received != before);
+}
+
+SenderApart::SenderApart(bool apart) {
+    sched_getaffinity(0, sizeof(m_before), &m_before);
+    senderApart = apart && CPU_COUNT(&m_before) > 1;
+    if (senderApart) {
+        keepTo(0);
+    }
+}
+
+SenderApart::~SenderApart() {
+    sched_setaffinity(0, sizeof(m_before), &m_before);
+    senderApart = false;
 }
 
 int connectToAgent(int socketType) {

@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "agent.h"
+
 namespace bench {
 namespace {
 
@@ -96,6 +98,7 @@ class Crew {
 };
 
 void run(benchmark::State& state, const Row& row) {
+    const SenderApart apart(row.threads == 1);
     const Pair pair = row.setUp();
     Crew crew(row.threads);
     std::vector<double> referenceCpu;
