@@ -134,6 +134,7 @@ void run(benchmark::State& state, const Row& row) {
     state.counters["cpu_ratio"] = median(cpuRatio);
     state.counters["elapsed_ratio"] = median(elapsedRatio);
     state.counters["limit"] = row.limit;
+    state.counters["threads"] = row.threads;
 }
 
 }  // namespace

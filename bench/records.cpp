@@ -18,6 +18,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "agent.h"
@@ -297,7 +298,29 @@ void addAgentAway() {
             }});
 }
 
+/// What taking turns alone costs two threads on one socket.
+void addTurns(int transport) {
+    addRow({"for comparison: " + std::string(kTransports[transport]) +
+                "/raw send of 100 B in turns under a mutex/2 threads",
+            0, 2, kSliceCalls, [=] {
+                const auto contenders = applicationMode(transport, false, 1, 100);
+                const auto turn = std::make_shared<std::mutex>();
+                Pair pair = besideRawSend(contenders, [](CLogger&) {});
+                pair.subject = [=](int /*thread*/, int calls) {
+                    const int fd = contenders->socket(0);
+                    const std::string& request = contenders->request;
+                    for (int i = 0; i < calls; ++i) {
+                        const std::lock_guard<std::mutex> guard(*turn);
+                        send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+                    }
+                };
+                return pair;
+            }});
+}
+
 void addOthers() {
+    addTurns(0);
+    addTurns(1);
     addRow({"for comparison: syslog(3), 100 B, beside a Unix datagram of the library's size", 0, 1,
             50, [] {
                 const auto contenders = applicationMode(0, false, 1, 100);
