@@ -14,6 +14,7 @@ namespace bench {
 namespace {
 
 const int kRounds = 400;
+const int kWarmUpRounds = 50;
 
 double now(clockid_t clock) {
     timespec time = {};
@@ -111,8 +112,10 @@ void run(benchmark::State& state, const Row& row) {
         pair.settle();
         return cost;
     };
-    take(pair.reference);
-    take(pair.subject);
+    for (int i = 0; i < kWarmUpRounds; ++i) {
+        take(pair.reference);
+        take(pair.subject);
+    }
     bool subjectFirst = false;
     for (auto iteration : state) {
         (void)iteration;

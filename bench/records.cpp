@@ -38,6 +38,19 @@ const int kSliceCalls = 100;
 const size_t kFraming = 18;
 const int8_t kSpareType = 6;
 
+/// Publishes the rate of log type 5 in a table with one slot, as the agent does.
+void publish(const std::string& application, int rate) {
+    const int id = shmget(9777, 100 * sizeof(Quorvel::AppItem), IPC_CREAT | 0666);
+    auto& slot = *static_cast<Quorvel::AppItem*>(shmat(id, nullptr, 0));
+    slot.isUsed = 1;
+    std::strcpy(slot.appname, application.c_str());
+    slot.logTypeItems[5].sampling = static_cast<uint8_t>(rate);
+    slot.logTypeItems[kSpareType].sampling = 251;
+    shmdt(&slot);
+    std::filesystem::create_directories("/data/qvagent");
+    std::ofstream("/data/qvagent/qv_shm_sampling").flush();
+}
+
 /// Loggers and raw sockets of one row: one of each, or one for every thread.
 struct Contenders {
     Agent agent;
@@ -87,6 +100,7 @@ std::shared_ptr<Contenders> applicationMode(int transport, bool locking, int cou
     const std::string name = "benchmark";
     auto contenders =
         std::make_shared<Contenders>(transport, locking, count, kFraming + name.size() + body);
+    publish(name, 1);
     for (const auto& logger : contenders->loggers) {
         logger->init(name);
     }
@@ -136,6 +150,7 @@ void addModuleRecords() {
     const size_t framing = kFraming + std::strlen("mod7");
     const auto setUp = [](size_t length) {
         auto contenders = std::make_shared<Contenders>(2, false, 1, length);
+        publish("mod7", 1);
         contenders->loggers[0]->init(7);
         return contenders;
     };
@@ -151,19 +166,12 @@ void addModuleRecords() {
             }});
 }
 
-/// A logger whose application has a rate for log type 5 in a fresh table.
+/// A logger whose application has a rate for log type 5.
 std::shared_ptr<CLogger> sampled(int rate) {
-    const int id = shmget(9777, 100 * sizeof(Quorvel::AppItem), IPC_CREAT | 0666);
-    auto& slot = *static_cast<Quorvel::AppItem*>(shmat(id, nullptr, 0));
-    slot.isUsed = 1;
-    std::strcpy(slot.appname, "sampled");
-    slot.logTypeItems[5].sampling = static_cast<uint8_t>(rate);
-    slot.logTypeItems[kSpareType].sampling = 251;
-    std::filesystem::create_directories("/data/qvagent");
-    std::ofstream("/data/qvagent/qv_shm_sampling").flush();
+    const std::string name = "sampled";
+    publish(name, rate);
     auto logger = std::make_shared<CLogger>(static_cast<int8_t>(2), false);
-    logger->init("sampled");
-    shmdt(&slot);
+    logger->init(name);
     return logger;
 }
 
@@ -318,7 +326,30 @@ void addTurns(int transport) {
             }});
 }
 
+/// What the allocation and the copy alone cost, without a library.
+void addCopy(int transport) {
+    addRow({"for comparison: " + std::string(kTransports[transport]) +
+                "/raw send of 100 B, allocated, copied and released each time",
+            0, 1, kSliceCalls, [=] {
+                const auto contenders = applicationMode(transport, false, 1, 100);
+                Pair pair = besideRawSend(contenders, [](CLogger&) {});
+                pair.subject = [=](int /*thread*/, int calls) {
+                    const int fd = contenders->socket(0);
+                    const std::string& request = contenders->request;
+                    for (int i = 0; i < calls; ++i) {
+                        const std::unique_ptr<char[]> copy(new char[request.size()]);
+                        std::memcpy(copy.get(), request.data(), request.size());
+                        send(fd, copy.get(), request.size(), MSG_NOSIGNAL);
+                    }
+                };
+                return pair;
+            }});
+}
+
 void addOthers() {
+    for (int transport = 0; transport < 3; ++transport) {
+        addCopy(transport);
+    }
     addTurns(0);
     addTurns(1);
     addRow({"for comparison: syslog(3), 100 B, beside a Unix datagram of the library's size", 0, 1,
