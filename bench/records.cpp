@@ -43,7 +43,7 @@ void publish(const std::string& application, int rate) {
     const int id = shmget(9777, 100 * sizeof(Quorvel::AppItem), IPC_CREAT | 0666);
     auto& slot = *static_cast<Quorvel::AppItem*>(shmat(id, nullptr, 0));
     slot.isUsed = 1;
-    std::strcpy(slot.appname, application.c_str());
+    application.copy(slot.appname, sizeof(slot.appname) - 1);
     slot.logTypeItems[5].sampling = static_cast<uint8_t>(rate);
     slot.logTypeItems[kSpareType].sampling = 251;
     shmdt(&slot);
