@@ -42,6 +42,7 @@ const int8_t kSpareType = 6;
 void publish(const std::string& application, int rate) {
     const int id = shmget(9777, 100 * sizeof(Quorvel::AppItem), IPC_CREAT | 0666);
     auto& slot = *static_cast<Quorvel::AppItem*>(shmat(id, nullptr, 0));
+    slot = {};
     slot.isUsed = 1;
     application.copy(slot.appname, sizeof(slot.appname) - 1);
     slot.logTypeItems[5].sampling = static_cast<uint8_t>(rate);
@@ -352,14 +353,15 @@ void addOthers() {
     }
     addTurns(0);
     addTurns(1);
-    addRow({"for comparison: syslog(3), 100 B, beside a Unix datagram of the library's size", 0, 1,
-            50, [] {
-                const auto contenders = applicationMode(0, false, 1, 100);
-                const std::string body(100, 'x');
-                return besideRawSend(contenders,
-                                     [body](CLogger&) { syslog(LOG_INFO, "%s", body.c_str()); });
-            }});
-    addRow({"for comparison: UDP sink of spdlog, 100 B", 0, 1, kSliceCalls, [] {
+    addRow(
+        {"for comparison: syslog(3), 100 B, beside the raw send on the Unix stream", 0, 1, 50, [] {
+             const auto contenders = applicationMode(0, false, 1, 100);
+             const std::string body(100, 'x');
+             return besideRawSend(contenders,
+                                  [body](CLogger&) { syslog(LOG_INFO, "%s", body.c_str()); });
+         }});
+    addRow({"for comparison: UDP sink of spdlog, 100 B, beside the raw send over UDP", 0, 1,
+            kSliceCalls, [] {
                 const auto contenders = applicationMode(2, false, 1, 100);
                 const auto sink = std::make_shared<spdlog::sinks::udp_sink_st>(
                     spdlog::sinks::udp_sink_config("127.0.0.1", 20005));

@@ -694,6 +694,8 @@ int CLogger::pack_send_buff(char*& pBuff, int& retLen, const char* tmpData, unsi
     return QV_ERR_OK;
 }
 
+// What a sent record runs through is inlined here, across the files: each return after a system
+// call is one that the processor predicts wrongly. What only a failure needs stands apart, cold.
 [[gnu::flatten, gnu::noinline]] int CLogger::comm_write(const char* data, unsigned int len,
                                                         int8_t logType, int8_t proType,
                                                         unsigned int tm) {

@@ -42,7 +42,8 @@ const int QV_STAT_TYPE_MAX = 3;    ///< keeps the larger one
 /// at most 1,000,000,000 bytes long. Whether the append worked is not reported: 7 and 8 say that
 /// the record was turned over to the file, not that the file has it.
 ///
-/// How long a call may take is what SocketClient says, plus the fallback append.
+/// How long a call may take is what SocketClient says, plus the fallback append. A call that begins
+/// while another thread forks waits for that fork.
 ///
 /// Errors. Every operation that fails returns a code of qvapi_errno.h and leaves a text for
 /// get_errmsg(); a success leaves the text alone. The library throws nothing of its own; a failed
