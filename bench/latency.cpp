@@ -26,11 +26,14 @@ enum class Health { kHealthy, kSlow, kStopped, kAway };
 std::vector<double> timeCalls(Quorvel::CLogger& logger) {
     const std::string body(100, 'x');
     std::vector<double> times;
-    for (auto start = Clock::now(), end = start + kDuration; start < end;) {
+    for (const auto end = Clock::now() + kDuration;;) {
+        const auto start = Clock::now();
         logger.write_baselog(body.data(), 100, 5, 0, 1400000000);
         const auto finished = Clock::now();
         times.push_back(std::chrono::duration<double, std::micro>(finished - start).count());
-        start = finished;
+        if (finished >= end) {
+            break;
+        }
     }
     return times;
 }

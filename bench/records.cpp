@@ -108,21 +108,56 @@ std::shared_ptr<Contenders> applicationMode(int transport, bool locking, int cou
     return contenders;
 }
 
-void addBaseLog(int transport, size_t size, int threads, bool locking) {
-    const double base = transport == 1 ? 1.10 : 1.05;
-    const double limit =
-        threads == 2 ? (locking ? base + 0.10 : 0) : (locking ? base + 0.05 : base);
-    addRow({std::string(kTransports[transport]) + "/raw form/" + std::to_string(size) + " B/" +
-                std::to_string(threads) + (threads == 1 ? " thread/" : " threads/") +
-                (locking ? "locking" : "no locking"),
-            limit, threads, kSliceCalls, [=] {
-                const int loggers = locking ? 1 : threads;
-                const std::string body(size, 'x');
-                return besideRawSend(
-                    applicationMode(transport, locking, loggers, size), [body](CLogger& logger) {
-                        logger.write_baselog(body.data(), static_cast<unsigned int>(body.size()), 5,
-                                             0, kTime);
-                    });
+std::string rowName(int transport, size_t size, int threads, bool locking) {
+    return std::string(kTransports[transport]) + "/raw form/" + std::to_string(size) + " B/" +
+           std::to_string(threads) + (threads == 1 ? " thread/" : " threads/") +
+           (locking ? "locking" : "no locking");
+}
+
+/// Each thread has a logger of its own, or all share a locked one.
+std::shared_ptr<Contenders> loggersOf(int transport, size_t size, int threads, bool locking) {
+    return applicationMode(transport, locking, locking ? 1 : threads, size);
+}
+
+Pair baseLogBesideRawSend(const std::shared_ptr<Contenders>& contenders, size_t size) {
+    const std::string body(size, 'x');
+    return besideRawSend(contenders, [body](CLogger& logger) {
+        logger.write_baselog(body.data(), static_cast<unsigned int>(body.size()), 5, 0, kTime);
+    });
+}
+
+void addBaseLog(int transport, size_t size, bool locking) {
+    const double limit = (transport == 1 ? 1.10 : 1.05) + (locking ? 0.05 : 0);
+    addRow({rowName(transport, size, 1, locking), limit, 1, kSliceCalls,
+            [=] { return baseLogBesideRawSend(loggersOf(transport, size, 1, locking), size); }});
+}
+
+void addBaseLogOfThreads(int transport, size_t size, bool locking) {
+    addRow({rowName(transport, size, 2, locking), locking ? 1.15 : 0, 2, kSliceCalls,
+            [=] { return baseLogBesideRawSend(loggersOf(transport, size, 2, locking), size); }});
+}
+
+/// The raw send by threads that take turns on one socket.
+Slice rawSendInTurns(const std::shared_ptr<Contenders>& contenders) {
+    const auto turn = std::make_shared<std::mutex>();
+    return [=](int /*thread*/, int calls) {
+        const int fd = contenders->socket(0);
+        const std::string& request = contenders->request;
+        for (int i = 0; i < calls; ++i) {
+            const std::lock_guard<std::mutex> guard(*turn);
+            send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+        }
+    };
+}
+
+/// On a stream, threads that share a logger take turns, and so does their reference.
+void addBaseLogInTurns(int transport, size_t size, int threads) {
+    addRow({rowName(transport, size, threads, true) + ", beside the raw send in turns", 1.05,
+            threads, threads == 2 ? kSliceCalls : 10 * kSliceCalls, [=] {
+                const auto contenders = loggersOf(transport, size, threads, true);
+                Pair pair = baseLogBesideRawSend(contenders, size);
+                pair.reference = rawSendInTurns(contenders);
+                return pair;
             }});
 }
 
@@ -183,17 +218,17 @@ void writeSampled(CLogger& logger, int calls) {
 }
 
 void addSampledOut() {
-    const auto emptyCalls = [](CLogger& logger) {
-        for (int i = 0; i < 3; ++i) {
+    const auto emptyCalls = [](CLogger& logger, int calls) {
+        for (int i = 0; i < calls; ++i) {
             logger.get_lock();
         }
     };
     const auto nothing = [] {};
-    addRow({"sampled out by rate 255, beside 3 empty calls", 1, 1, 10000, [=] {
+    addRow({"sampled out by rate 255, beside 4 empty calls", 1, 1, 10000, [=] {
                 const auto logger = sampled(255);
                 return Pair{[=](int, int calls) {
                                 for (int i = 0; i < calls; ++i) {
-                                    emptyCalls(*logger);
+                                    emptyCalls(*logger, 4);
                                 }
                             },
                             [=](int, int calls) { writeSampled(*logger, calls); }, nothing};
@@ -208,7 +243,7 @@ void addSampledOut() {
                              volatile uint32_t rate = 10;
                              volatile uint32_t sink = 0;
                              for (int i = 0; i < calls; ++i) {
-                                 emptyCalls(*logger);
+                                 emptyCalls(*logger, 3);
                                  for (int k = 0; k < 2; ++k) {
                                      sink = counter->fetch_add(1, std::memory_order_relaxed) % rate;
                                  }
@@ -313,16 +348,8 @@ void addTurns(int transport) {
                 "/raw send of 100 B in turns under a mutex/2 threads",
             0, 2, kSliceCalls, [=] {
                 const auto contenders = applicationMode(transport, false, 1, 100);
-                const auto turn = std::make_shared<std::mutex>();
                 Pair pair = besideRawSend(contenders, [](CLogger&) {});
-                pair.subject = [=](int /*thread*/, int calls) {
-                    const int fd = contenders->socket(0);
-                    const std::string& request = contenders->request;
-                    for (int i = 0; i < calls; ++i) {
-                        const std::lock_guard<std::mutex> guard(*turn);
-                        send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-                    }
-                };
+                pair.subject = rawSendInTurns(contenders);
                 return pair;
             }});
 }
@@ -378,12 +405,20 @@ void addOthers() {
 void addRecordRows() {
     for (int transport = 0; transport < 3; ++transport) {
         for (const size_t size : {100, 1000}) {
-            for (const int threads : {1, 2}) {
-                addBaseLog(transport, size, threads, false);
-                addBaseLog(transport, size, threads, true);
+            addBaseLog(transport, size, false);
+            addBaseLog(transport, size, true);
+            addBaseLogOfThreads(transport, size, false);
+            if (transport == 2) {
+                addBaseLogOfThreads(transport, size, true);
             }
         }
         addOtherForms(transport);
+    }
+    for (const int transport : {0, 1}) {
+        addBaseLogInTurns(transport, 1000, 2);
+        for (const int threads : {2, 4, 8}) {
+            addBaseLogInTurns(transport, 100, threads);
+        }
     }
     addModuleRecords();
     addSampledOut();

@@ -2,7 +2,6 @@
 #include <pthread.h>
 
 #include <map>
-#include <memory>
 
 #include "qvapi_cpp.h"
 #include "qvapi_sampling.h"
@@ -27,34 +26,41 @@ void runOnStack(size_t size, void* (*operation)(void*), int8_t transport) {
     pthread_join(thread, nullptr);
 }
 
-void* useEveryOperation(void* transport) {
+/// The only agent is that of the Unix stream; a datagram fails when an earlier one was refused.
+void expectCode(int code, int8_t transport) {
+    const int failures[] = {QV_ERR_OK, QV_ERR_CONNECT, QV_ERR_DATAGRAM};
+    EXPECT_TRUE(code == failures[transport] || (transport == 2 && code == QV_ERR_OK)) << code;
+}
+
+void* useEveryOperation(void* argument) {
+    const int8_t transport = *static_cast<int8_t*>(argument);
     std::string name = "stack";
     std::map<std::string, int> values = {{"value", 1}};
     CLogger logger, module;
-    logger.set_socktype(*static_cast<int8_t*>(transport));
+    logger.set_socktype(transport);
     EXPECT_EQ(logger.init(name), 0);
-    logger.write_baselog("raw", 3, 1, 0, 1);
-    logger.write_baselog(LT_NORMAL, std::string(40000, 'x'), false, 1);
+    expectCode(logger.write_baselog("raw", 3, 1, 0, 1), transport);
+    expectCode(logger.write_baselog(LT_NORMAL, std::string(40000, 'x'), false, 1), transport);
     EXPECT_EQ(logger.set_stat(true, 1, 0, 1), 0);
-    logger.write_statlogs(name, values, QV_STAT_TYPE_SUM, 1);
-    logger.write_statlogs(name, values, QV_STAT_TYPE_SUM, 2);
+    EXPECT_EQ(logger.write_statlogs(name, values, QV_STAT_TYPE_SUM, 1), 0);
+    EXPECT_EQ(logger.write_statlogs(name, values, QV_STAT_TYPE_SUM, 2), 0);
     char* request = nullptr;
     int length = 0;
     EXPECT_EQ(logger.pack_send_buff(request, length, "data", 4, 1, 0, 1), 0);
     delete[] request;
-    logger.encode(name, name);
+    EXPECT_EQ(logger.encode(name, name), 0);
     EXPECT_EQ(logger.init(7), 1);
     EXPECT_EQ(module.init(7), 0);
-    module.write_modulelog(1, 2, name, name, name, 1, 2, 3, 4, 5);
-    module.write_modulelog_forIM(1, 2, name, name, name, 1, 2, 3, 4, 5);
+    expectCode(module.write_modulelog(1, 2, name, name, name, 1, 2, 3, 4, 5), 2);
+    expectCode(module.write_modulelog_forIM(1, 2, name, name, name, 1, 2, 3, 4, 5), 2);
     return nullptr;
 }
 
-void* useFormattedForm(void* transport) {
-    CLogger logger(*static_cast<int8_t*>(transport));
+void* useFormattedForm(void* argument) {
+    const int8_t transport = *static_cast<int8_t*>(argument);
+    CLogger logger(transport);
     EXPECT_EQ(logger.init("stack"), 0);
-    const unsigned timestamp = 1;
-    logger.write_baselog(LT_NORMAL, timestamp, "%d %s %.20g %*d", 1, "text", 1e300, 2000, 7);
+    expectCode(logger.write_baselog(LT_NORMAL, 1U, "%d %.20g %*d", 1, 1e300, 2000, 7), transport);
     return nullptr;
 }
 

@@ -1,48 +1,30 @@
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <map>
 #include <memory>
 
 #include "qvapi_cpp.h"
 #include "support.h"
-#include "test_agent.h"
 
 namespace {
 
+QUORVEL_REAL(send);
+QUORVEL_REAL(socket);
+
 std::atomic<unsigned> socketCalls{0};
-std::atomic<bool> sendFails{false};
-thread_local int ownError = 0;
 
 }  // namespace
 
-extern "C" {
-
-int socket(int family, int type, int protocol) noexcept {
-    return ++socketCalls, Quorvel::callReal<int>("socket", family, type, protocol);
-}
-
-// Each failing send has an error number of its own.
-ssize_t send(int fd, const void* data, size_t length, int flags) {
+extern "C" int socket(int family, int type, int protocol) noexcept {
     ++socketCalls;
-    return sendFails ? (errno = ++ownError, -1)
-                     : Quorvel::callReal<ssize_t>("send", fd, data, length, flags);
+    return real_socket(family, type, protocol);
 }
 
-// Now and then lets the other threads leave their texts first.
-int pthread_rwlock_wrlock(pthread_rwlock_t* lock) noexcept {
-    thread_local unsigned calls = 0;
-    if (sendFails && ++calls % 99 == 0) {
-        std::this_thread::sleep_for(std::chrono::microseconds(10));
-    }
-    return Quorvel::callReal<int>("pthread_rwlock_wrlock", lock);
+extern "C" ssize_t send(int fd, const void* data, size_t length, int flags) {
+    ++socketCalls;
+    return real_send(fd, data, length, flags);
 }
-
-}  // extern "C"
 
 namespace Quorvel {
 namespace {
@@ -52,12 +34,6 @@ const int8_t kThreads = 8;
 const int kDisturbances = 30;
 const std::string kName = "stress";
 const std::string kLastBody = "last";
-
-void startAnew() {
-    std::filesystem::create_directories("/data/qvagent");
-    std::filesystem::remove(kFallbackFile);
-    now = 1000000;
-}
 
 /// A thread and a number, filled up with a letter of theirs; one in a thousand takes the long form.
 std::string makeBody(int thread, unsigned number) {
@@ -78,16 +54,22 @@ struct Write {
 class DeliveryStressTest : public testing::TestWithParam<Transport> {
  protected:
     DeliveryStressTest() {
-        startAnew();
+        makeFallbackDirectory();
+        now = 1000000;
         EXPECT_EQ(m_logger->init(kName), 0);
     }
 
-    void writeAll(int8_t thread) {
+    void writeAll(int thread) {
         int order = 0;
         for (unsigned i = 0; i < kRecords || !m_disturbed; ++i) {
-            const int code = m_logger->write_baselog(thread, makeBody(thread, i), false, i);
+            const int code =
+                m_logger->write_baselog(static_cast<int8_t>(thread), makeBody(thread, i), false, i);
             m_writes[thread].push_back({code, order});
-            code == 0 ? ++order : ++m_failures;
+            if (code == 0) {
+                ++order;
+            } else {
+                ++m_failures;
+            }
         }
     }
 
@@ -96,16 +78,23 @@ class DeliveryStressTest : public testing::TestWithParam<Transport> {
         const size_t arrived = m_agent.recordCount() + (m_isStream ? kRecords / 20 : 100);
         EXPECT_TRUE(afterBackOffs([&] { return m_agent.recordCount() > arrived; }));
         EXPECT_TRUE(eventually([&] { return m_agent.openConnections() <= 1; }));
-        if (m_isStream && turn % 3 == 2) {
-            m_agent.cut();
+        if (!m_isStream || turn % 3 == 0) {
+            m_agent.stop();
+            awaitFailures(kRecords / 50);
+            m_agent.start();
+        } else if (turn % 3 == 1) {
+            m_agent.pause();
+            awaitFailures(1);
+            m_agent.proceed();
         } else {
-            const bool stalls = m_isStream && turn % 3 == 1;
-            const unsigned failures = m_failures + (stalls ? 1 : kRecords / 50);
-            stalls ? m_agent.pause() : m_agent.stop();
-            EXPECT_TRUE(afterBackOffs([&] { return m_failures >= failures; }));
-            stalls ? m_agent.proceed() : m_agent.start();
+            m_agent.cut();
         }
         now += 3;
+    }
+
+    void awaitFailures(unsigned count) {
+        const unsigned before = m_failures;
+        EXPECT_TRUE(afterBackOffs([&] { return m_failures >= before + count; }));
     }
 
     /// The last record comes last, so that all connections are known by then.
@@ -121,7 +110,10 @@ class DeliveryStressTest : public testing::TestWithParam<Transport> {
 
     template <class Condition>
     static bool afterBackOffs(Condition condition) {
-        return eventually([&] { return now += 3, condition(); });
+        return eventually([&] {
+            now += 3;
+            return condition();
+        });
     }
 
     /// The write that `record` came from; null for the last record.
@@ -134,8 +126,16 @@ class DeliveryStressTest : public testing::TestWithParam<Transport> {
         return known ? &m_writes[thread][number] : nullptr;
     }
 
+    void countCopies() {
+        for (const Request& record : fallbackRecords()) {
+            if (Write* const write = find(record)) {
+                ++write->copies;
+            }
+        }
+    }
+
     /// What returned 0 may be missing where a connection was cut, and nowhere else.
-    void checkArrivals(const Conversation& heard) {
+    void countArrivals(const Conversation& heard) {
         EXPECT_EQ(heard.decoder.error(), "");
         EXPECT_TRUE(m_isStream || heard.decoder.pending() == 0) << "a datagram was cut short";
         for (const Request& record : heard.records) {
@@ -151,6 +151,14 @@ class DeliveryStressTest : public testing::TestWithParam<Transport> {
         }
     }
 
+    /// What failed went to the fallback file, over a stream, and nowhere else.
+    void check(const Write& write) const {
+        const bool failed = m_isStream ? write.code == 7 || write.code == 8 : write.code == 17;
+        ASSERT_TRUE(failed || write.code == 0) << write.code;
+        ASSERT_LE(write.arrivals, failed ? 0 : 1) << write.code;
+        ASSERT_EQ(write.copies, failed && m_isStream ? 1 : 0) << write.code;
+    }
+
     const bool m_isStream = GetParam() != kUdp;
     const ptrdiff_t m_filesBefore = openFiles();
     TestAgent m_agent{GetParam()};
@@ -164,74 +172,81 @@ class DeliveryStressTest : public testing::TestWithParam<Transport> {
 INSTANTIATE_TEST_SUITE_P(, DeliveryStressTest, testing::Values(kUnix, kTcp, kUdp));
 
 TEST_P(DeliveryStressTest, KeepsRecordsWholeAndSingleWhileTheAgentComesAndGoes) {
-    std::vector<std::thread> threads;
-    for (int8_t i = 0; i < kThreads; ++i) {
-        threads.emplace_back([this, i] { writeAll(i); });
-    }
+    std::thread writers([this] { onThreads(kThreads, [this](int thread) { writeAll(thread); }); });
     for (int turn = 0; turn < kDisturbances && !HasFailure(); ++turn) {
         disturb(turn);
     }
     m_disturbed = true;
-    std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
+    writers.join();
     receiveTheRest();
     const auto conversations = m_agent.conversations();
     m_agent.stop();
     EXPECT_EQ(openFiles(), m_filesBefore);
-
-    for (const Request& record : fallbackRecords()) {
-        if (Write* const write = find(record)) {
-            ++write->copies;
-        }
-    }
+    countCopies();
     for (const Conversation& heard : conversations) {
-        checkArrivals(heard);
+        countArrivals(heard);
     }
     for (const auto& writes : m_writes) {
         for (const Write& write : writes) {
-            const bool failed = m_isStream ? write.code == 7 || write.code == 8 : write.code == 17;
-            ASSERT_TRUE(failed || write.code == 0) << write.code;
-            ASSERT_LE(write.arrivals, failed ? 0 : 1) << write.code;
-            ASSERT_EQ(write.copies, failed && m_isStream ? 1 : 0) << write.code;
+            check(write);
         }
     }
 }
 
-TEST(StoppedAgentTest, CostsOneShortWaitAndThenNoSocketCall) {
-    const size_t writes = 10000;
-    const std::string body(1000, 'x');
-    startAnew();
-    const int listener = openEndpoint(kUnix);
-    const pid_t agent = fork();
-    while (agent == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        pause();
+/// 10,000 writes to an agent whose process is stopped.
+class StoppedAgentTest : public testing::Test {
+ protected:
+    StoppedAgentTest() {
+        makeFallbackDirectory();
+        now = 1000000;
+        const int listener = openEndpoint(kUnix);
+        const pid_t agent = fork();
+        while (agent == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            pause();
+        }
+        close(listener);
+        kill(agent, SIGSTOP);
+        waitpid(agent, nullptr, WUNTRACED);
+        writeAll();
+        kill(agent, SIGKILL);
+        waitpid(agent, nullptr, 0);
     }
-    close(listener);
-    kill(agent, SIGSTOP);
-    waitpid(agent, nullptr, WUNTRACED);
-    CLogger logger(kUnix);
-    EXPECT_EQ(logger.init(kName), 0);
-    std::vector<int> codes;
-    unsigned callsAtFailure = 0;
-    while (codes.size() < writes) {
-        const auto start = std::chrono::steady_clock::now();
-        codes.push_back(logger.write_baselog(LT_NORMAL, body, false, 1));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
-        callsAtFailure = codes.back() == 8 ? socketCalls.load() : callsAtFailure;
-    }
-    kill(agent, SIGKILL);
-    waitpid(agent, nullptr, 0);
 
-    const auto sent = static_cast<size_t>(std::count(codes.begin(), codes.end(), 0));
+    void writeAll() {
+        using Clock = std::chrono::steady_clock;
+        CLogger logger(kUnix);
+        EXPECT_EQ(logger.init(kName), 0);
+        while (m_codes.size() < 10000) {
+            const auto start = Clock::now();
+            m_codes.push_back(logger.write_baselog(LT_NORMAL, std::string(1000, 'x'), false, 1));
+            m_longest = std::max(m_longest, Clock::now() - start);
+            if (m_codes.back() == 8) {
+                m_callsAtFailure = socketCalls;
+            }
+        }
+    }
+
+    std::vector<int> m_codes;
+    std::chrono::nanoseconds m_longest{0};
+    unsigned m_callsAtFailure = 0;
+};
+
+TEST_F(StoppedAgentTest, TakesABufferFullThenFailsOnceAndIsLeftAlone) {
+    const auto sent = static_cast<size_t>(std::count(m_codes.begin(), m_codes.end(), 0));
     std::vector<int> expected(std::max<size_t>(sent, 100), 0);
     expected.push_back(8);
-    expected.resize(writes, 7);
-    EXPECT_EQ(codes, expected);
-    EXPECT_EQ(socketCalls, callsAtFailure);
-    EXPECT_EQ(fallbackRecords().size(), writes - sent);
+    expected.resize(m_codes.size(), 7);
+    EXPECT_EQ(m_codes, expected);
+    EXPECT_EQ(fallbackRecords().size(), m_codes.size() - sent);
 }
 
-TEST(StoppedAgentTest, GivesAWriteErrorWhenItsBacklogIsFull) {
+TEST_F(StoppedAgentTest, CostsOneShortWaitAndThenNoSocketCall) {
+    EXPECT_LT(m_longest, std::chrono::milliseconds(1500));
+    EXPECT_EQ(socketCalls, m_callsAtFailure);
+}
+
+TEST(FullBacklogTest, GivesAWriteError) {
     std::vector<int> sockets = {openEndpoint(kUnix, 0)};
     const auto* address = reinterpret_cast<const sockaddr*>(&kUnixAddress);
     do {
@@ -244,35 +259,6 @@ TEST(StoppedAgentTest, GivesAWriteErrorWhenItsBacklogIsFull) {
     for (const int fd : sockets) {
         close(fd);
     }
-}
-
-/// Errors are numbered upwards in each thread. One that is seen when its thread has finished a
-/// later failure was left by another's failure, which it does not belong to.
-TEST(ErrorTextTest, BelongsToItsFailureWhileOtherThreadsFail) {
-    CLogger logger(kUdp);
-    EXPECT_EQ(logger.init(kName), 0);
-    sendFails = true;
-    const int span = 1000000;
-    std::array<std::atomic<int>, kThreads> finished{};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([&, thread] {
-            ownError = span * (thread + 1);
-            for (unsigned i = 0; i < kRecords; ++i) {
-                EXPECT_EQ(logger.write_baselog(LT_NORMAL, "body", false, 1), 17);
-                finished[thread] = ownError;
-                const std::vector<int> before(finished.begin(), finished.end());
-                const std::string text = logger.get_errmsg();
-                int error = 0;
-                sscanf(text.c_str(), "send udp message failed error[%d]", &error);
-                EXPECT_NE(text.find("errmsg[Unknown error " + std::to_string(error) + "]"),
-                          text.npos);
-                EXPECT_GE(error, before.at(error / span - 1));
-            }
-        });
-    }
-    std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
-    sendFails = false;
 }
 
 }  // namespace

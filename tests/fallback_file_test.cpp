@@ -1,123 +1,263 @@
+#include <linux/capability.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <new>
+#include <utility>
+
 #include "qvapi_cpp.h"
 #include "support.h"
 
-// What the file grows to by others just before the library writes, unless 0.
-static off_t grownTo = 0;
+namespace {
+
+QUORVEL_REAL(write);
+
+/// Stands in for the library's next write, once.
+std::function<ssize_t(int fd, const char* data, size_t length)> nextWrite;
+
+int arraysAllocated = 0;
+
+}  // namespace
 
 extern "C" ssize_t write(int fd, const void* data, size_t length) {
     EXPECT_GT(fd, 2);
     EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(grownTo != 0 ? ftruncate(fd, grownTo) : 0, 0);
-    return syscall(SYS_write, fd, data, length);
+    const auto standIn = std::exchange(nextWrite, nullptr);
+    return standIn ? standIn(fd, static_cast<const char*>(data), length)
+                   : real_write(fd, data, length);
 }
+
+void* operator new[](size_t size) {
+    ++arraysAllocated;
+    return ::operator new(size);
+}
+void operator delete[](void* area) noexcept { ::operator delete(area); }
+void operator delete[](void* area, size_t /*size*/) noexcept { ::operator delete(area); }
 
 namespace Quorvel {
 namespace {
 
 const off_t kLimit = 1000000000;
+const int kTurnedOver = 7;
+const int kFull = 20;
 const std::string kRecord("\x1A\0\0\0\3\x85\0\x0A\0\2\0\1\x53\x72\x4E\0\0\0\0\0\0\3apphello", 30);
 
-// Without an agent on the Unix socket. A call that blocks ends the program.
+std::string fileBytes() {
+    std::ifstream file(kFallbackFile);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void makeFile(off_t size) {
+    const std::ofstream file(kFallbackFile);
+    std::filesystem::resize_file(kFallbackFile, size);
+}
+
+/// Appends as another process would, on a descriptor of its own.
+void appendAsAnother(const std::string& bytes) {
+    const int fd = open(kFallbackFile, O_WRONLY | O_APPEND | O_CLOEXEC);
+    EXPECT_EQ(real_write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    close(fd);
+}
+
+/// Closes a descriptor from which there must be nothing to read.
+void expectNoInput(int fd) {
+    pollfd entry = {fd, POLLIN, 0};
+    poll(&entry, 1, 0);
+    EXPECT_EQ(entry.revents & POLLIN, 0);
+    close(fd);
+}
+
+/// Among them root's, for this thread, to open files in spite of their permissions.
+void giveUpCapabilities() {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[2] = {};
+    EXPECT_EQ(syscall(SYS_capset, &header, none), 0);
+}
+
+/// Without an agent on the Unix socket.
 class FallbackFileTest : public testing::Test {
  protected:
     FallbackFileTest() {
-        std::filesystem::remove(kFallbackFile);
-        std::filesystem::create_directories("/data/qvagent");
-        alarm(60);
+        makeFallbackDirectory();
+        EXPECT_EQ(m_logger->init("app"), 0);
     }
     ~FallbackFileTest() override {
+        m_logger.reset();
         EXPECT_EQ(openFiles(), m_openFiles);
-        alarm(0);
     }
 
-    static int write() {
-        return keepingErrno([] {
-            CLogger logger;
-            logger.init("app");
-            return logger.write_baselog("hello", 5, 5, 0, 1400000000);
-        });
-    }
-    static void makeFile(off_t size) {
-        std::ofstream{kFallbackFile};
-        std::filesystem::resize_file(kFallbackFile, size);
-    }
-
-    static void limitFileSize(rlim_t size) {
-        const rlimit limit = {size, RLIM_INFINITY};
-        setrlimit(RLIMIT_FSIZE, &limit);
+    /// Writes a record that no agent takes.
+    int write() {
+        return keepingErrno([&] { return m_logger->write_baselog("hello", 5, 5, 0, 1400000000); });
     }
 
  private:
     const ptrdiff_t m_openFiles = openFiles();
+    std::unique_ptr<CLogger> m_logger = std::make_unique<CLogger>();
 };
 
-TEST_F(FallbackFileTest, TakesLengthAndRequestOffTheStandardStreamsForEveryone) {
+TEST_F(FallbackFileTest, IsOpenToEveryone) {
     const mode_t mask = umask(077);
-    for (const std::string& expected : {kRecord, kRecord + kRecord}) {
-        close(0);
-        EXPECT_EQ(write(), 7);
-        EXPECT_EQ(open("/dev/null", O_RDONLY), 0) << "the first descriptor is not free any more";
-        std::ifstream file(kFallbackFile);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), expected);
-        EXPECT_EQ(std::filesystem::status(kFallbackFile).permissions(),
-                  std::filesystem::perms(0666));
-        EXPECT_EQ(chmod(kFallbackFile, 0600), 0);
-    }
+    write();
     umask(mask);
+    EXPECT_EQ(std::filesystem::status(kFallbackFile).permissions(), std::filesystem::perms(0666));
 }
 
-TEST_F(FallbackFileTest, DropsRecordsOnceItIsOverItsLimit) {
-    for (const off_t size : {kLimit, kLimit + 1, off_t{1} << 32}) {
+TEST_F(FallbackFileTest, LeavesStandardDescriptorsAlone) {
+    close(STDIN_FILENO);
+    write();
+    EXPECT_EQ(open("/dev/null", O_RDONLY), STDIN_FILENO);
+    EXPECT_EQ(fileBytes(), kRecord);
+}
+
+TEST_F(FallbackFileTest, TakesNoRecordOverItsLimit) {
+    const struct {
+        off_t size;
+        int code;
+        size_t growth;
+    } rows[] = {{kLimit, kTurnedOver, 30}, {kLimit + 1, kFull, 0}, {off_t{1} << 32, kFull, 0}};
+    for (const auto& row : rows) {
+        makeFile(row.size);
+        EXPECT_EQ(write(), row.code);
+        EXPECT_EQ(std::filesystem::file_size(kFallbackFile), row.size + row.growth);
+    }
+}
+
+TEST_F(FallbackFileTest, CountsAsEmptyWhereItMayOnlyBeAppendedTo) {
+    makeFile(kLimit + 1);
+    chmod(kFallbackFile, 0222);
+    std::thread([this] {
+        giveUpCapabilities();
+        EXPECT_EQ(open(kFallbackFile, O_RDONLY | O_CLOEXEC), -1);
+        EXPECT_EQ(write(), kTurnedOver);
+    }).join();
+    EXPECT_EQ(std::filesystem::file_size(kFallbackFile), kLimit + 1 + kRecord.size());
+}
+
+TEST_F(FallbackFileTest, NeedsASecondBufferOnlyForARecordThatItTakes) {
+    for (const off_t size : {kLimit, kLimit + 1}) {
         makeFile(size);
-        EXPECT_EQ(write(), size == kLimit ? 7 : 20);
-        EXPECT_EQ(std::filesystem::file_size(kFallbackFile), size + (size == kLimit ? 30 : 0));
+        arraysAllocated = 0;
+        write();
+        EXPECT_EQ(arraysAllocated, size == kLimit ? 2 : 1);
     }
 }
 
-TEST_F(FallbackFileTest, TakesNothingAndNeverWaitsWhereNoRegularFileStands) {
-    EXPECT_EQ(mkfifo(kFallbackFile, 0666), 0);
-    EXPECT_EQ(write(), 7);
-    const int reader = open(kFallbackFile, O_RDONLY | O_NONBLOCK);
-    EXPECT_EQ(write(), 7);
+TEST_F(FallbackFileTest, GivesNothingToAPipeAndWaitsForNoReader) {
+    mkfifo(kFallbackFile, 0666);
+    EXPECT_EQ(write(), kTurnedOver);
+    const int reader = open(kFallbackFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(write(), kTurnedOver);
+    expectNoInput(reader);
+}
+
+TEST_F(FallbackFileTest, GivesNothingToATerminal) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-    unlink(kFallbackFile);
-    EXPECT_EQ(unlockpt(terminal) + symlink(ptsname(terminal), kFallbackFile), 0);
-    EXPECT_EQ(write(), 7);
-    for (const int fd : {reader, terminal}) {
-        pollfd entry = {fd, POLLIN, 0};
-        poll(&entry, 1, 0);
-        EXPECT_EQ(entry.revents & POLLIN, 0);
-        close(fd);
-    }
+    ASSERT_EQ(unlockpt(terminal), 0);
+    ASSERT_EQ(symlink(ptsname(terminal), kFallbackFile), 0);
+    EXPECT_EQ(write(), kTurnedOver);
+    expectNoInput(terminal);
 }
 
-TEST_F(FallbackFileTest, KeepsToTheFileSizeLimitWithoutASignal) {
-    // The limit, what a file of 10 bytes grows to before the write, its size afterwards.
-    const std::tuple<rlim_t, off_t, size_t> rows[] = {{40, 0, 40}, {39, 0, 10}, {40, 40, 40}};
+ssize_t writeNine(int fd, const char* data, size_t /*length*/) { return real_write(fd, data, 9); }
+
+TEST_F(FallbackFileTest, LosesTheBeginningOfARecordThatDoesNotFit) {
+    write();
+    nextWrite = writeNine;
+    EXPECT_EQ(write(), kTurnedOver);
+    EXPECT_EQ(fileBytes(), kRecord);
+}
+
+TEST_F(FallbackFileTest, KeepsWhatAnotherHasAppendedBehindAShortRecord) {
+    nextWrite = [](int fd, const char* data, size_t length) {
+        const ssize_t written = writeNine(fd, data, length);
+        appendAsAnother(kRecord);
+        return written;
+    };
+    EXPECT_EQ(write(), kTurnedOver);
+    EXPECT_EQ(fileBytes(), kRecord.substr(0, 9) + kRecord);
+}
+
+TEST_F(FallbackFileTest, TakesARecordWhoseWriteWasInterrupted) {
+    nextWrite = [](auto...) { return errno = EINTR, -1; };
+    EXPECT_EQ(write(), kTurnedOver);
+    EXPECT_EQ(fileBytes(), kRecord);
+}
+
+const size_t kProcesses = 4;
+
+/// Lets processes turn over `count` records each, at once.
+void turnOverFromProcesses(int count) {
+    pid_t children[kProcesses];
+    for (size_t i = 0; i < kProcesses; ++i) {
+        children[i] = runInChild([=] {
+            CLogger logger;
+            EXPECT_EQ(logger.init("app"), 0);
+            for (int number = 0; number < count; ++number) {
+                const std::string body(101 + 7 * i, 'x');
+                EXPECT_EQ(logger.write_baselog(1, body, false, 1), kTurnedOver);
+            }
+        });
+    }
+    std::for_each(std::begin(children), std::end(children), awaitChild);
+}
+
+TEST_F(FallbackFileTest, HoldsOnlyWholeRecordsAfterItsDiskWasFull) {
+    const std::string filler = std::string(kFallbackDirectory) + "/filler";
+    ASSERT_EQ(mount("none", kFallbackDirectory, "tmpfs", 0, "size=64k"), 0);
+    std::ofstream(filler) << std::string(49152, 'x');
+    turnOverFromProcesses(60);
+    const size_t whole = fallbackRecords().size();
+    EXPECT_LT(whole, kProcesses * 60) << "the disk was not full";
+    std::filesystem::remove(filler);
+    turnOverFromProcesses(5);
+    EXPECT_EQ(fallbackRecords().size(), whole + kProcesses * 5);
+    umount2(kFallbackDirectory, MNT_DETACH);
+}
+
+/// The file has 10 bytes before the write, and a record has 30.
+class FileSizeLimitTest : public FallbackFileTest {
+ protected:
+    size_t sizeAfterWrite(rlim_t size) {
+        const rlimit limit = {size, RLIM_INFINITY}, none = {RLIM_INFINITY, RLIM_INFINITY};
+        makeFile(10);
+        setrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_EQ(write(), kTurnedOver);
+        setrlimit(RLIMIT_FSIZE, &none);
+        return std::filesystem::file_size(kFallbackFile);
+    }
+};
+
+TEST_F(FileSizeLimitTest, LetsThroughWhatDoesNotExceedIt) {
+    EXPECT_EQ(sizeAfterWrite(40), 40U);
+    EXPECT_EQ(sizeAfterWrite(39), 10U);
+}
+
+/// Others let the file grow to the limit just before the write, which then raises SIGXFSZ.
+ssize_t writeAtTheLimit(int fd, const char* data, size_t length) {
+    appendAsAnother(std::string(30, '.'));
+    return real_write(fd, data, length);
+}
+
+TEST_F(FileSizeLimitTest, RaisesNoSignal) {
+    nextWrite = writeAtTheLimit;
+    EXPECT_EQ(sizeAfterWrite(40), 40U);
+}
+
+TEST_F(FileSizeLimitTest, LeavesTheApplicationItsOwnPendingSignal) {
     const timespec none = {};
     sigset_t exceeded;
     sigemptyset(&exceeded);
     sigaddset(&exceeded, SIGXFSZ);
-    for (const bool pending : {false, true}) {
-        pthread_sigmask(pending ? SIG_BLOCK : SIG_UNBLOCK, &exceeded, nullptr);
-        for (const auto& [size, grown, after] : rows) {
-            makeFile(10);
-            EXPECT_EQ(pending ? raise(SIGXFSZ) : 0, 0);
-            limitFileSize(size);
-            grownTo = grown;
-            EXPECT_EQ(write(), 7);
-            grownTo = 0;
-            limitFileSize(RLIM_INFINITY);
-            EXPECT_EQ(std::filesystem::file_size(kFallbackFile), after);
-            EXPECT_EQ(sigtimedwait(&exceeded, nullptr, &none), pending ? SIGXFSZ : -1);
-        }
-    }
+    pthread_sigmask(SIG_BLOCK, &exceeded, nullptr);
+    raise(SIGXFSZ);
+    nextWrite = writeAtTheLimit;
+    EXPECT_EQ(sizeAfterWrite(40), 40U);
+    EXPECT_EQ(sigtimedwait(&exceeded, nullptr, &none), SIGXFSZ);
     pthread_sigmask(SIG_UNBLOCK, &exceeded, nullptr);
 }
 

@@ -1,127 +1,277 @@
-#include <signal.h>
-#include <sys/wait.h>
+#include <sys/shm.h>
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
+#include <deque>
 #include <map>
 #include <memory>
-#include <vector>
+#include <tuple>
 
 #include "qvapi_cpp.h"
+#include "qvapi_sampling.h"
+#include "socket_client.h"
 #include "support.h"
-#include "test_agent.h"
 
 namespace {
 
-// Looked up early: a child forked while another thread is in dlsym(3) must not call it.
-#define NEXT(name) \
-    const auto next_##name = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
-NEXT(send);
-NEXT(write);
-NEXT(connect);
-NEXT(close);
-NEXT(pthread_create);
+QUORVEL_REAL(close);
+QUORVEL_REAL(connect);
+QUORVEL_REAL(pthread_create);
+QUORVEL_REAL(pthread_rwlock_unlock);
+QUORVEL_REAL(send);
+QUORVEL_REAL(shmget);
+QUORVEL_REAL(write);
 
 std::atomic<bool> connected[4096];  ///< which descriptors are the library's sockets
-std::atomic<bool> strayed{false};   ///< something was sent over another one
-std::string awaited;                ///< the text whose writing sets `seen`
-std::atomic<bool> seen{false};
-std::atomic<bool> torn{false};  ///< a merge was written in part
-std::string interruptedCall;    ///< in which a signal comes, once
 
-void interrupt(const char* call) {
-    if (interruptedCall == call) {
-        interruptedCall.clear();
-        raise(SIGUSR1);
+/// What this thread does, once, inside the library's next call of `function`.
+struct Interruption {
+    const char* function = "";
+    void (*action)() = nullptr;
+};
+thread_local Interruption interruption;
+
+void interrupt(const char* function) {
+    if (strcmp(interruption.function, function) == 0) {
+        interruption.function = "";
+        interruption.action();
     }
-}
-
-/// A merge gives the values "a" to "z" of a text the same change.
-void look(const void* data, size_t length) {
-    const std::string text(static_cast<const char*>(data), awaited.empty() ? 0 : length);
-    seen = seen || (!awaited.empty() && text.find(awaited) != std::string::npos);
-    const size_t first = text.find("&a="), last = text.find("&z=");
-    torn = torn || (last < length && atoi(&text[first + 3]) != atoi(&text[last + 3]));
 }
 
 }  // namespace
 
-extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
+extern "C" {
+
+int connect(int fd, const sockaddr* address, socklen_t length) {
     interrupt("connect");
     connected[fd] = true;
-    return next_connect(fd, address, length);
+    return real_connect(fd, address, length);
 }
 
-extern "C" int close(int fd) {
-    connected[std::max(fd, 0)] = false;
-    return next_close(fd);
+int close(int fd) {
+    if (fd >= 0) {
+        connected[fd] = false;
+    }
+    return real_close(fd);
 }
 
-extern "C" ssize_t send(int fd, const void* data, size_t length, int flags) {
+ssize_t send(int fd, const void* data, size_t length, int flags) {
     interrupt("send");
-    look(data, length);
-    strayed = strayed || !connected[fd];
-    return next_send(fd, data, length, flags);
+    return real_send(fd, data, length, flags);
 }
 
-extern "C" ssize_t write(int fd, const void* data, size_t length) {
+ssize_t write(int fd, const void* data, size_t length) {
     interrupt("write");
-    look(data, length);
-    return next_write(fd, data, length);
+    return real_write(fd, data, length);
 }
 
-extern "C" int pthread_create(pthread_t* id, const pthread_attr_t* attributes,
-                              void* (*start)(void*), void* argument) noexcept {
-    interrupt("pthread_create");
-    return next_pthread_create(id, attributes, start, argument);
+int shmget(key_t key, size_t size, int flags) noexcept {
+    interrupt("shmget");
+    return real_shmget(key, size, flags);
 }
+
+int pthread_rwlock_unlock(pthread_rwlock_t* lock) noexcept {
+    interrupt("pthread_rwlock_unlock");
+    return real_pthread_rwlock_unlock(lock);
+}
+
+int pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*start)(void*),
+                   void* argument) noexcept {
+    interrupt("pthread_create");
+    return real_pthread_create(id, attributes, start, argument);
+}
+
+}  // extern "C"
 
 namespace Quorvel {
 namespace {
 
-/// A socket that the library connected and did not close; 4096 when there is none.
+const int kNoSocket = 4096;
+
+/// A socket that the library connected and did not close, or kNoSocket.
 int connectedSocket() {
     return static_cast<int>(std::find(connected, std::end(connected), true) - connected);
 }
 
-class ForkTest : public testing::Test {
+bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+
+/// A logger that has sent a record over its socket, at a time that stands still.
+class ForkedSocketTest : public testing::TestWithParam<std::tuple<Transport, bool>> {
  protected:
-    ForkTest() {
-        std::filesystem::create_directories("/data/qvagent");
-        std::filesystem::remove(kFallbackFile);
+    ForkedSocketTest() {
+        now = 1000;
+        EXPECT_EQ(m_logger->init("app"), 0);
+        EXPECT_EQ(write("before"), 0);
+        m_socket = connectedSocket();
+        EXPECT_TRUE(isOpen(m_socket));
     }
 
-    /// Forks a child that ends with the number of the step that failed, or with 0.
-    void runInChild(const std::vector<std::function<bool()>>& steps) {
-        const pid_t child = fork();
-        if (child == 0) {
-            const auto failed =
-                std::find_if(steps.begin(), steps.end(), [](const auto& step) { return !step(); });
-            _exit(failed == steps.end() ? 0 : 1 + static_cast<int>(failed - steps.begin()));
-        }
-        m_children[child] = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    }
+    int write(const char* body) { return m_logger->write_baselog(1, body, false, 1); }
 
-    /// Waits, a minute for each child, until at most `count` are left.
-    void awaitChildren(size_t count) {
-        while (m_children.size() > count) {
-            usleep(100);
-            for (auto child = m_children.begin(); child != m_children.end();) {
-                const bool hangs = std::chrono::steady_clock::now() > child->second;
-                int status = hangs ? kill(child->first, SIGKILL) : 0;
-                const bool ended = waitpid(child->first, &status, hangs ? 0 : WNOHANG) != 0;
-                EXPECT_EQ(status, 0) << "step " << WEXITSTATUS(status);
-                child = ended ? m_children.erase(child) : std::next(child);
-            }
-        }
-    }
-
- private:
-    std::map<pid_t, std::chrono::steady_clock::time_point> m_children;
+    const Transport m_transport = std::get<0>(GetParam());
+    TestAgent m_agent{m_transport};
+    std::unique_ptr<CLogger> m_logger =
+        std::make_unique<CLogger>(m_transport, std::get<1>(GetParam()));
+    int m_socket;
 };
 
-class ForkThreadTest : public ForkTest {
+INSTANTIATE_TEST_SUITE_P(, ForkedSocketTest,
+                         testing::Combine(testing::Values(kUnix, kTcp, kUdp), testing::Bool()));
+
+TEST_P(ForkedSocketTest, IsClosedInTheChildBeforeForkReturns) {
+    awaitChild(runInChild([&] { EXPECT_FALSE(isOpen(m_socket)); }));
+}
+
+TEST_P(ForkedSocketTest, IsReplacedByTheChildsFirstRecordAtOnce) {
+    awaitChild(runInChild([&] { EXPECT_EQ(write("child"), 0); }));
+    EXPECT_TRUE(m_agent.hasReceived(2));
+    EXPECT_EQ(m_agent.conversations().size(), m_transport == kUdp ? 1U : 2U);
+}
+
+TEST_P(ForkedSocketTest, IsForgottenByTheChildWhichMayUseItsNumberForAnotherFile) {
+    awaitChild(runInChild([&] {
+        EXPECT_EQ(dup2(STDERR_FILENO, m_socket), m_socket);
+        EXPECT_EQ(write("child"), 0) << "sent to no socket";
+        m_logger.reset();
+        EXPECT_TRUE(isOpen(m_socket));
+    }));
+}
+
+TEST_P(ForkedSocketTest, StaysTheParents) {
+    awaitChild(runInChild([] {}));
+    EXPECT_EQ(write("after"), 0);
+    EXPECT_TRUE(m_agent.hasReceived(2));
+    EXPECT_EQ(m_agent.conversations().size(), 1U);
+}
+
+std::atomic<int> handlersChild{0};  ///< the status of the child that a signal handler forked
+
+class ForkInHandlerTest : public testing::TestWithParam<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(, ForkInHandlerTest,
+                         testing::Values("connect", "send", "write", "pthread_create"));
+
+TEST_P(ForkInHandlerTest, WaitsForNothingAndLeavesTheInterruptedCallWhole) {
+    makeFallbackDirectory();
+    TestAgent agent(kUnix);
+    const bool fails = GetParam() == std::string("write");
+    CLogger logger(fails ? kTcp : kUnix);
+    ASSERT_EQ(logger.init("app"), 0);
+    signal(SIGUSR1, [](int) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(42);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        handlersChild = WEXITSTATUS(status);
+    });
+    handlersChild = 0;
+    interruption = {GetParam(), [] { raise(SIGUSR1); }};
+    EXPECT_EQ(logger.write_baselog(1, "interrupted", false, 1), fails ? 7 : 0);
+    EXPECT_EQ(logger.set_stat(true, 1, 0, 0), 0);
+    EXPECT_EQ(handlersChild, 42);
+    EXPECT_EQ(logger.write_baselog(1, "next", false, 1), fails ? 7 : 0);
+    EXPECT_EQ(fallbackRecords().size(), fails ? 2U : 0U);
+    EXPECT_TRUE(agent.hasReceived(fails ? 0 : 2));
+}
+
+std::atomic<bool> isInside{false};  ///< a thread lingers in a call
+
+void linger() {
+    isInside = true;
+    usleep(50000);
+    isInside = false;
+}
+
+void writeRecord(int8_t transport) {
+    CLogger logger(transport);
+    logger.init("app");
+    logger.write_baselog(1, "body", false, 1);
+}
+
+void leaveLoggersErrorText() {
+    CLogger logger;
+    logger.write_baselog(1, "body", false, 1);
+}
+
+void leaveClientsErrorText() {
+    SocketClient client;
+    client.init(kUnix, true);
+    client.sendWithoutRecv(nullptr, 1, true);
+}
+
+/// A table that is too small counts as missing, and is looked for again a minute later.
+void lookForTableAgain() {
+    const Interruption atTheSecondLook = interruption;
+    interruption = {};
+    std::string name = "app";
+    Sampling sampling;
+    sampling.init(name, 4711, 100);
+    now += 60;
+    interruption = atTheSecondLook;
+    sampling.needFilter(1);
+}
+
+struct CallInFlight {
+    const char* name;
+    const char* function;
+    void (*makeCall)();
+};
+
+class ForkBesideCallTest : public testing::TestWithParam<CallInFlight> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    , ForkBesideCallTest,
+    testing::Values(
+        CallInFlight{"Sends", "send", [] { writeRecord(kUnix); }},
+        CallInFlight{"Connects", "connect", [] { writeRecord(kUnix); }},
+        CallInFlight{"Appends", "write", [] { writeRecord(kTcp); }},
+        CallInFlight{"LooksForTheTable", "shmget", lookForTableAgain},
+        CallInFlight{"LeavesALoggersErrorText", "pthread_rwlock_unlock", leaveLoggersErrorText},
+        CallInFlight{"LeavesAClientsErrorText", "pthread_rwlock_unlock", leaveClientsErrorText}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_P(ForkBesideCallTest, WaitsForItsEnd) {
+    now = 1000;
+    makeFallbackDirectory();
+    const TestAgent agent(kUnix);
+    std::thread other([] {
+        interruption = {GetParam().function, linger};
+        GetParam().makeCall();
+    });
+    EXPECT_TRUE(eventually([] { return isInside.load(); }));
+    awaitChild(runInChild([] { EXPECT_FALSE(isInside); }));
+    other.join();
+}
+
+TEST(ForkBesideMergesTest, IsLetPassThoughTheirLockKnowsNoOrder) {
+    CLogger logger;
+    ASSERT_EQ(logger.init("app"), 0);
+    ASSERT_EQ(logger.set_stat(true, 1, UINT32_MAX, UINT32_MAX), 0);
+    std::map<std::string, int> values;
+    for (int i = 0; i < 1000; ++i) {
+        values[std::to_string(i)] = 1;
+    }
+    std::atomic<bool> done{false};
+    std::atomic<int> merges{0};
+    std::thread mergers([&] {
+        onThreads(8, [&](int) {
+            for (; !done; ++merges) {
+                logger.write_statlogs("text", values, QV_STAT_TYPE_SUM, 1);
+            }
+        });
+    });
+    EXPECT_TRUE(eventually([&] { return merges > 100; }));
+    for (int i = 0; i < 20; ++i) {
+        const int before = merges;
+        awaitChild(runInChild([&] { EXPECT_LE(merges - before, 1000); }));
+    }
+    done = true;
+    mergers.join();
+}
+
+class ForkThreadTest : public testing::Test {
     void SetUp() override {
         if (kIsSanitized) {
             GTEST_SKIP() << "the sanitizers fail in a forked child that starts a thread";
@@ -129,65 +279,10 @@ class ForkThreadTest : public ForkTest {
     }
 };
 
-TEST_F(ForkTest, GivesTheChildASocketOfItsOwnAtOnce) {
-    now = 1000;
-    for (const int8_t transport : {kUnix, kTcp, kUdp}) {
-        for (const bool isLock : {false, true}) {
-            SCOPED_TRACE(testing::Message() << int{transport} << isLock);
-            TestAgent agent(transport);
-            auto logger = std::make_unique<CLogger>(transport, isLock);
-            ASSERT_EQ(logger->init("app"), 0);
-            EXPECT_EQ(logger->write_baselog(1, "before", false, 1), 0);
-            const int fd = connectedSocket();
-            const auto isOpen = [=] { return fcntl(fd, F_GETFD) != -1; };
-            runInChild({
-                [&] { return fd > 2 && !isOpen(); },
-                [&] { return dup2(STDERR_FILENO, fd) == fd; },
-                [&] { return logger->write_baselog(1, "child", false, 1) == 0; },
-                [&] { return !strayed && !connected[fd]; },
-                [&] { return logger.reset(), isOpen(); },
-            });
-            awaitChildren(0);
-            EXPECT_EQ(logger->write_baselog(1, "after", false, 1), 0);
-            EXPECT_TRUE(eventually([&] { return agent.recordCount() == 3; }));
-            EXPECT_EQ(agent.conversations().size(), transport == kUdp ? 1U : 2U);
-            EXPECT_EQ(agent.conversations()[0].records.back().body, "after");
-        }
-    }
-    now = 0;
-}
-
-int handlersChild = 0;
-
-TEST_F(ForkTest, WaitsForNothingInAHandlerThatInterruptedACall) {
-    signal(SIGUSR1, [](int) {
-        const pid_t child = fork();
-        child == 0 ? _exit(42) : static_cast<void>(waitpid(child, &handlersChild, 0));
-    });
-    TestAgent agent(kUnix);
-    for (const std::string call : {"connect", "send", "write", "pthread_create"}) {
-        SCOPED_TRACE(call);
-        const int code = call == "write" ? 7 : 0;
-        CLogger logger(code == 7 ? kTcp : kUnix);
-        ASSERT_EQ(logger.init("app"), 0);
-        interruptedCall = call;
-        alarm(60);
-        EXPECT_EQ(logger.write_baselog(1, "interrupted", false, 1), code);
-        EXPECT_EQ(logger.set_stat(true, 1, 0, 0), 0);
-        EXPECT_EQ(logger.write_baselog(1, "next", false, 1), code);
-        alarm(0);
-        EXPECT_EQ(interruptedCall, "");
-        EXPECT_EQ(WEXITSTATUS(handlersChild), 42);
-        handlersChild = 0;
-    }
-    EXPECT_TRUE(eventually([&] { return agent.recordCount() == 6; }));
-    EXPECT_EQ(fallbackRecords().size(), 2U);
-}
-
 TEST_F(ForkThreadTest, LeavesLoggersOnTheStacksOfLostThreadsOutOfAChildsOwnForks) {
     std::atomic<bool> done{false}, ready{false}, overwritten{false};
     std::thread owner([&] {
-        CLogger logger;
+        const CLogger logger;
         ready = true;
         eventually([&] { return done.load(); });
     });
@@ -198,85 +293,140 @@ TEST_F(ForkThreadTest, LeavesLoggersOnTheStacksOfLostThreadsOutOfAChildsOwnForks
         overwritten = true;
         pause();
     };
-    runInChild({
-        [&] { return std::thread(overwriteStack).detach(), true; },
-        [&] { return eventually([&] { return overwritten.load(); }); },
-        [&] { return runInChild({}), awaitChildren(0), !HasFailure(); },
-    });
-    awaitChildren(0);
+    awaitChild(runInChild([&] {
+        std::thread(overwriteStack).detach();
+        EXPECT_TRUE(eventually([&] { return overwritten.load(); }));
+        awaitChild(runInChild([] {}));
+    }));
     done = true;
     owner.join();
 }
 
-/// What the application's own threads write.
-std::string bodyOf(int thread, int number) {
-    return std::to_string(thread) + ":" + std::to_string(number) + std::string(number % 300, '.');
-}
+const int8_t kStatistics = 99;
+const int kWriters = 4;
 
-TEST_F(ForkThreadTest, LeavesEveryChildUsableLoggersWhileOtherThreadsUseThem) {
-    const int kForks = 1000, kThreads = 4, kAlive = 50;
-    TestAgent agent(kUnix);
-    std::unique_ptr<CLogger> loggers[] = {std::make_unique<CLogger>(), std::make_unique<CLogger>()};
-    for (const auto& logger : loggers) {
-        ASSERT_EQ(logger->init("app"), 0);
+/// Two loggers that four threads write over and a fifth gives statistics to, until they are
+/// stopped. Each merge gives the values "a" to "z" of a text the same change.
+class ForkStressTest : public ForkThreadTest {
+ protected:
+    ForkStressTest() {
+        now = 0;
+        makeFallbackDirectory();
+        for (auto& logger : m_loggers) {
+            logger = std::make_unique<CLogger>();
+            EXPECT_EQ(logger->init("app"), 0);
+        }
+        EXPECT_EQ(m_loggers[0]->set_stat(true, kStatistics, 1, 99), 0);
+        for (char name = 'a'; name <= 'z'; ++name) {
+            m_values[std::string(1, name)] = 1;
+        }
     }
-    CLogger& merged = *loggers[0];
-    ASSERT_EQ(merged.set_stat(true, 1, 1, 99), 0);
-    std::map<std::string, int> values, expected, written;
-    for (char name = 'a'; name <= 'z'; ++name) {
-        values[std::string(1, name)] = 1;
+
+    static std::string bodyOf(int writer, int number) {
+        return std::to_string(writer) + ":" + std::to_string(number) +
+               std::string(number % 300, '.');
     }
-    std::atomic<bool> done{false};
-    std::atomic<int> numbers[kThreads] = {};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([&, thread] {
-            for (; !done; ++numbers[thread], usleep(200)) {
-                CLogger own;  // one of the threads writes each record through a logger of its own
-                own.init("app");
-                (thread == 0 ? own : *loggers[thread % 2])
-                    .write_baselog(0, bodyOf(thread, numbers[thread]), false, 1);
+
+    void runThread(int number) {
+        if (number < kWriters) {
+            writeRecords(number);
+        } else {
+            merge();
+        }
+    }
+
+    /// The first writes each record over a logger of its own.
+    void writeRecords(int writer) {
+        for (; !m_done; ++m_written[writer]) {
+            CLogger own;
+            own.init("app");
+            CLogger& logger = writer == 0 ? own : *m_loggers[writer % 2];
+            logger.write_baselog(0, bodyOf(writer, m_written[writer]), false, 1);
+            usleep(200);
+        }
+    }
+
+    /// Pauses now and then with a batch open, which a child then inherits.
+    void merge() {
+        for (unsigned int n = 0; !m_done; ++n) {
+            m_loggers[0]->write_statlogs("merged " + std::to_string(n % 50), m_values, 1, n / 2000);
+            if (n % 500 == 0) {
+                usleep(5000);
             }
-        });
-    }
-    threads.emplace_back([&] {
-        for (unsigned int n = 0; !done; ++n) {
-            merged.write_statlogs("merged " + std::to_string(n % 50), values, 1, n / 2000);
-            n % 500 == 0 ? usleep(5000) : 0;  // the children inherit what is queued
-        }
-    });
-    for (int i = 0; i < kForks; ++i) {
-        const std::string name = "child " + std::to_string(i);
-        expected[name] = 1;
-        runInChild({
-            [&] { return connectedSocket() == 4096; },
-            [&] { return awaited = name + " closed", true; },
-            [&] { return loggers[i % 2]->write_baselog(0, name, false, 1) <= 8; },
-            [&] { return merged.write_statlogs(awaited, values, 0, 0) == 0; },
-            [&] { return merged.write_statlogs("open", values, 0, 1) == 0; },
-            [&] { return eventually([] { return seen.load(); }); },
-            [&] { return loggers[0].reset(), loggers[1].reset(), !strayed && !torn; },
-        });
-        awaitChildren(kAlive - 1);
-    }
-    awaitChildren(0);
-    done = true;
-    std::for_each(threads.begin(), threads.end(), std::mem_fn(&std::thread::join));
-    loggers[0].reset();
-    loggers[1].reset();
-    EXPECT_TRUE(eventually([&] { return agent.openConnections() == 0; }));
-    for (int thread = 0; thread < kThreads; ++thread) {
-        EXPECT_GT(numbers[thread], 0);
-        for (int number = 0; number < numbers[thread]; ++number) {
-            expected[bodyOf(thread, number)] = 1;
         }
     }
-    for (const auto& records : {agent.records(), fallbackRecords()}) {
-        for (const Request& record : records) {
-            record.logType == 0 ? ++written[record.body] : 0;
+
+    void useLoggersInChild(int number) {
+        EXPECT_EQ(connectedSocket(), kNoSocket);
+        const std::string name = childName(number);
+        EXPECT_LE(m_loggers[number % 2]->write_baselog(0, name, false, 1), 8);
+        for (const char* const text : {name.c_str(), "closes", "is never written"}) {
+            EXPECT_EQ(m_loggers[0]->write_statlogs(text, m_values, 0, ++m_childsTime), 0);
+        }
+        EXPECT_TRUE(eventually([this] { return hasEmptyQueue(*m_loggers[0]); }));
+        m_loggers[0].reset();
+        m_loggers[1].reset();
+    }
+
+    static std::string childName(int number) { return "child " + std::to_string(number); }
+
+    /// How often each record was written that is none of the parent's statistics; of the
+    /// children's statistics by the text alone.
+    std::map<std::string, int> writtenRecords() const {
+        std::map<std::string, int> written;
+        for (const auto& records : {m_agent.records(), fallbackRecords()}) {
+            for (const Request& record : records) {
+                if (record.logType == 0) {
+                    ++written[record.body];
+                } else {
+                    checkMerges(record.body);
+                    ++written[record.body.substr(0, record.body.find("&a="))];
+                }
+            }
+        }
+        return written;
+    }
+
+    static void checkMerges(const std::string& text) {
+        const size_t first = text.find("&a="), last = text.find("&z=");
+        EXPECT_EQ(atoi(&text[first + 3]), atoi(&text[last + 3])) << text;
+    }
+
+    TestAgent m_agent{kUnix};
+    std::unique_ptr<CLogger> m_loggers[2];
+    std::map<std::string, int> m_values;
+    std::atomic<bool> m_done{false};
+    std::atomic<int> m_written[kWriters] = {};
+    unsigned int m_childsTime = 1U << 31U;
+};
+
+TEST_F(ForkStressTest, LeavesEveryChildUsableLoggersAndLosesNoRecord) {
+    const int kForks = 500;
+    const size_t kAlive = 50;
+    std::thread threads([this] { onThreads(kWriters + 1, [this](int n) { runThread(n); }); });
+    std::deque<pid_t> children;
+    for (int number = 0; number < kForks; ++number) {
+        children.push_back(runInChild([&] { useLoggersInChild(number); }));
+        if (children.size() == kAlive) {
+            awaitChild(children.front());
+            children.pop_front();
         }
     }
-    EXPECT_TRUE(written == expected) << written.size() << " of " << expected.size();
+    std::for_each(children.begin(), children.end(), awaitChild);
+    m_done = true;
+    threads.join();
+    m_loggers[0].reset();
+    m_loggers[1].reset();
+    EXPECT_TRUE(eventually([&] { return m_agent.openConnections() == 0; }));
+    auto written = writtenRecords();
+    for (int number = 0; number < kForks; ++number) {
+        EXPECT_EQ(written[childName(number)], 2) << "a record and a statistic of " << number;
+    }
+    for (int writer = 0; writer < kWriters; ++writer) {
+        for (int number = 0; number < m_written[writer]; ++number) {
+            EXPECT_EQ(written[bodyOf(writer, number)], 1) << bodyOf(writer, number);
+        }
+    }
 }
 
 }  // namespace

@@ -2,9 +2,9 @@
 # public_headers_test.sh COMPILER DIRECTORY: the public headers get along with any application.
 set -euo pipefail
 export LC_ALL=C
-compiler=("$1" -Wall -Wextra -Wpedantic -Werror -I "$2" -x c++ -)
+compiler=("$1" -Wall -Wextra -Wpedantic -Wconversion -Werror -I "$2" -x c++ -)
 cd "$2"
-headers=(modulemsg.h qvapi_cpp.h qvapi_errno.h qvapimsg.h qvapi_sampling.h socket_client.h)
+headers=(modulemsg.h qvapi_abi.h qvapi_cpp.h qvapi_errno.h qvapimsg.h qvapi_sampling.h socket_client.h)
 failed=0
 
 fail() {
@@ -24,6 +24,13 @@ for header in "${headers[@]}"; do
     for standard in 11 14 17 20; do
         include "$header" | "${compiler[@]}" -fsyntax-only "-std=c++$standard" ||
             fail "$header does not compile alone as C++$standard"
+    done
+done
+
+for header in qvapi_cpp.h qvapi_sampling.h socket_client.h; do
+    for other in _GLIBCXX_USE_CXX11_ABI=0 _LIBCPP_VERSION=14000; do
+        message=$(include "$header" | "${compiler[@]}" -fsyntax-only "-D$other" 2>&1 || true)
+        grep -q 'error: .*libqvapi needs ' <<<"$message" || fail "$header accepts $other"
     done
 done
 

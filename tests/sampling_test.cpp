@@ -3,138 +3,189 @@
 
 #include "qvapi_cpp.h"
 #include "qvapi_sampling.h"
+#include "sampling_table.h"
 #include "support.h"
 
-static std::string failing;
+namespace {
+
+QUORVEL_REAL(shmget);
+QUORVEL_REAL(shmat);
+
+std::string failing;  ///< the call that fails
+
+}  // namespace
 
 extern "C" int shmget(key_t key, size_t size, int flags) noexcept {
     errno = EACCES;
-    return failing == "shmget" ? -1 : Quorvel::callReal<int>("shmget", key, size, flags);
+    return failing == "shmget" ? -1 : real_shmget(key, size, flags);
 }
 
 extern "C" void* shmat(int id, const void* address, int flags) noexcept {
     errno = EMFILE;
-    return failing == "shmat" ? reinterpret_cast<void*>(-1)
-                              : Quorvel::callReal<void*>("shmat", id, address, flags);
+    return failing == "shmat" ? reinterpret_cast<void*>(-1) : real_shmat(id, address, flags);
 }
 
 namespace Quorvel {
 namespace {
 
 const int kSize = 102800;
+const time_t kStart = 1400000000;
 
-// With the segment as the agent publishes it. No reader may remove it or stay attached.
+/// With the segment as the agent publishes it, and "app" in its first slot.
 class SamplingTest : public testing::Test {
  protected:
     SamplingTest() {
-        std::filesystem::create_directories("/data/qvagent");
+        makeFallbackDirectory();
+        createSamplingMarker();
         publish("app");
-        now = 1400000000;
+        now = kStart;
     }
     ~SamplingTest() override {
-        EXPECT_EQ(attached(), 1U);
-        shmdt(m_bytes);
+        shmdt(m_table);
         shmctl(m_id, IPC_RMID, nullptr);
     }
+
+    /// Gives a slot the name, and all before it that of another application.
     void publish(const std::string& name, int slot = 0) {
-        const std::ofstream marker("/data/qvagent/qv_shm_sampling");
-        memset(m_bytes, 0, kSize);
+        memset(m_table, 0, kSize);
         for (int used = 0; used <= slot; ++used) {
-            m_bytes[used * 1028] = 1;
+            m_table[used].isUsed = 1;
         }
-        name.copy(m_bytes + slot * 1028 + 4, name.size());
+        memcpy(m_table[slot].appname, name.data(), name.size());
     }
-    void setRate(int type, int rate, int slot = 0) {
-        m_bytes[slot * 1028 + 260 + type * 6] = static_cast<char>(rate);
+    void setRate(int type, uint8_t rate, int slot = 0) {
+        m_table[slot].logTypeItems[type].sampling = rate;
     }
-    shmatt_t attached() const {
+    shmid_ds status() const {
         shmid_ds status = {};
         EXPECT_EQ(shmctl(m_id, IPC_STAT, &status), 0);
-        EXPECT_EQ(status.shm_perm.mode, 0666) << "others need access; a removed one is marked";
-        return status.shm_nattch;
+        return status;
     }
     static int init(Sampling& reader, std::string name = "app", int size = kSize) {
-        return keepingErrno([&] { return reader.init(name, 9777, size); });
+        return keepingErrno([&] { return reader.init(name, kSamplingKey, size); });
     }
-    static bool drops(Sampling& reader, int8_t type) {
-        return keepingErrno([&] { return reader.needFilter(type); });
+    static bool drops(Sampling& reader, int type) {
+        return keepingErrno([&] { return reader.needFilter(static_cast<int8_t>(type)); });
+    }
+    /// Whether the reader drops a record so many seconds after the start.
+    static bool dropsAt(Sampling& reader, int seconds) {
+        now = kStart + seconds;
+        return drops(reader, 1);
     }
 
-    const int m_id = shmget(9777, kSize, IPC_CREAT | 0666);
-    char* const m_bytes = static_cast<char*>(shmat(m_id, nullptr, 0));
+    int m_id = real_shmget(kSamplingKey, kSize, IPC_CREAT | 0666);
+    AppItem* const m_table = static_cast<AppItem*>(real_shmat(m_id, nullptr, 0));
 };
 
-TEST_F(SamplingTest, FindsTheSlotWhoseNameIsTheWholeNameAndKeepsIt) {
+TEST_F(SamplingTest, FindsTheSlotWhoseNameIsTheWholeName) {
     const std::string longest(256, 'a');
     const std::string withNul("app\0x", 5);
-    // The last slot in use, its name, the application's name, the result.
-    const std::tuple<int, std::string, std::string, int> rows[] = {
-        {99, "app", "app", 0},  {99, "apq", "app", -2},   {5, "ap", "app", -1},
-        {0, "appl", "app", -1}, {0, longest, longest, 0}, {0, longest, longest + "a", -1},
-        {0, withNul, "app", 0}, {0, withNul, withNul, -1}};
-    for (const auto& [slot, slotName, name, result] : rows) {
-        SCOPED_TRACE(slotName + " for " + name);
-        publish(slotName, slot);
-        setRate(127, 9, slot);
-        const std::string before(m_bytes, kSize);
+    const struct {
+        int lastSlot;
+        std::string slotName, name;
+        int result;
+    } rows[] = {{99, "app", "app", 0},  {99, "apq", "app", -2},   {5, "ap", "app", -1},
+                {0, "appl", "app", -1}, {0, longest, longest, 0}, {0, longest, longest + "a", -1},
+                {0, withNul, "app", 0}, {0, withNul, withNul, -1}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.slotName + " for " + row.name);
+        publish(row.slotName, row.lastSlot);
+        setRate(127, 9, row.lastSlot);
         Sampling reader;
-        EXPECT_EQ(init(reader, name), result);
-        EXPECT_EQ(drops(reader, 127), result == 0);
-        EXPECT_TRUE(before == std::string(m_bytes, kSize));
-        m_bytes[slot * 1028 + 4] = 'x';
-        EXPECT_EQ(reader.fetchSampling(127), result == 0 ? 9 : 1);
+        EXPECT_EQ(init(reader, row.name), row.result);
+        EXPECT_EQ(reader.fetchSampling(127), row.result == 0 ? 9 : 1);
     }
+}
+
+TEST_F(SamplingTest, DetachesTheTableAndLeavesItInPlace) {
+    {
+        Sampling reader;
+        init(reader);
+        init(reader);
+        EXPECT_EQ(status().shm_nattch, 2U);
+    }
+    EXPECT_EQ(status().shm_nattch, 1U);
+    EXPECT_EQ(status().shm_perm.mode, 0666) << "marked as removed";
+}
+
+TEST_F(SamplingTest, MakesTheTableWhenThereIsNone) {
+    shmctl(m_id, IPC_RMID, nullptr);
+    Sampling reader;
+    EXPECT_EQ(init(reader), -1);
+    m_id = real_shmget(kSamplingKey, 0, 0);
+    EXPECT_EQ(status().shm_segsz, size_t{kSize});
+    EXPECT_EQ(status().shm_perm.mode, 0666);
 }
 
 TEST_F(SamplingTest, KeepsExactlyOneInNOverAllLogTypesAndThreads) {
-    const std::pair<int, int> rows[] = {{0, 40000}, {1, 40000}, {7, 5714}, {254, 157}, {255, 0}};
-    for (const auto& [rate, expected] : rows) {
-        for (int type = 0; type < 126; ++type) {
-            setRate(type, rate);
+    for (int type = 0; type < 126; ++type) {
+        setRate(type, 7);
+    }
+    Sampling reader;
+    EXPECT_EQ(init(reader), 0);
+    std::atomic<int> kept{0};
+    onThreads(8, [&](int /*thread*/) {
+        for (int call = 0; call < 5000; ++call) {
+            kept += drops(reader, call % 126) ? 0 : 1;
         }
-        setRate(126, 255);
+    });
+    EXPECT_EQ(kept, 8 * 5000 / 7);
+}
+
+TEST_F(SamplingTest, CountsOnlyWhatARateDecides) {
+    setRate(1, 4);
+    setRate(3, 255);
+    Sampling reader;
+    EXPECT_EQ(init(reader), 0);
+    for (const int type : {1, 2, 3, -128, 1, 1}) {
+        EXPECT_EQ(drops(reader, type), type == 1 || type == 3);
+    }
+    EXPECT_FALSE(drops(reader, 1));
+}
+
+TEST_F(SamplingTest, LooksAgainAMinuteAfterItLastLookedInVain) {
+    setRate(1, 255);
+    for (const std::string missing : {"shmget", "shmat", "slot"}) {
+        SCOPED_TRACE(missing);
+        failing = missing;
+        m_table[0].appname[0] = missing == "slot" ? 'x' : 'a';
+        now = kStart;
         Sampling reader;
-        EXPECT_EQ(init(reader), 0);
-        std::atomic<int> kept{0};
-        std::vector<std::thread> threads(8);
-        for (std::thread& thread : threads) {
-            thread = std::thread([&] {
-                for (int call = 0; call < 5000; ++call) {
-                    kept += drops(reader, static_cast<int8_t>(call % 126)) ? 0 : 1;
-                    EXPECT_TRUE(drops(reader, 126)) << "and does not count";
-                    EXPECT_FALSE(drops(reader, call % 2 == 0 ? 127 : -128)) << "and does not count";
-                }
-            });
+        EXPECT_EQ(init(reader), -1);
+        EXPECT_FALSE(dropsAt(reader, 100));
+        failing.clear();
+        m_table[0].appname[0] = 'a';
+        for (const int second : {0, 159, -1000, 160}) {
+            EXPECT_FALSE(dropsAt(reader, second)) << second;
         }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(kept, expected) << rate;
+        EXPECT_TRUE(dropsAt(reader, 160)) << "the one before has found the slot";
     }
 }
 
-TEST_F(SamplingTest, LooksAgainNoSoonerThan60SecondsAfterTheLastAttempt) {
-    // What is missing until the first attempt after init, and the second that finds the slot.
-    const std::pair<std::string, int> rows[] = {
-        {"marker", 60}, {"slot", 120}, {"shmget", 120}, {"shmat", 120}, {"bytes", 999}};
-    for (const auto& [missing, found] : rows) {
-        SCOPED_TRACE(missing);
-        publish(missing == "slot" ? "oth" : "app");
-        setRate(1, 255);
-        EXPECT_EQ(missing == "marker" ? unlink("/data/qvagent/qv_shm_sampling") : 0, 0);
-        failing = missing;
-        now = 1400000000;
-        Sampling reader;
-        EXPECT_FALSE(drops(reader, 1));
-        EXPECT_EQ(init(reader, "app", missing == "bytes" ? kSize - 1 : kSize), -1);
-        EXPECT_EQ(attached(), missing == "marker" || missing == "slot" ? 2U : 1U);
-        for (const int second : {0, 59, -1000, 60, 61, 119, 120, 121}) {
-            now = 1400000000 + second;
-            EXPECT_EQ(drops(reader, 1), second > found) << second;
-            failing = second >= 60 ? "" : missing;
-            strcpy(m_bytes + 4, second >= 60 || missing != "slot" ? "app" : "oth");
-        }
-    }
+TEST_F(SamplingTest, LooksAgainAMinuteAfterItFoundNoMarker) {
+    setRate(1, 255);
+    makeFallbackDirectory();
+    Sampling reader;
+    EXPECT_EQ(init(reader), -1);
+    EXPECT_FALSE(dropsAt(reader, 60));
+    EXPECT_TRUE(dropsAt(reader, 60));
+}
+
+TEST_F(SamplingTest, UsesNoTableThatIsTooSmall) {
+    setRate(1, 255);
+    Sampling reader;
+    EXPECT_EQ(init(reader, "app", kSize - 1), -1);
+    EXPECT_FALSE(dropsAt(reader, 60));
+    EXPECT_FALSE(dropsAt(reader, 60));
+}
+
+TEST_F(SamplingTest, KeepsEveryRecordAfterASecondInitInVain) {
+    setRate(1, 255);
+    Sampling reader;
+    EXPECT_EQ(init(reader), 0);
+    EXPECT_EQ(init(reader, "other"), -1);
+    EXPECT_FALSE(drops(reader, 1));
+    EXPECT_EQ(reader.fetchSampling(1), 1);
 }
 
 TEST_F(SamplingTest, DropsBeforeALoggerLooksAtTheRecord) {
@@ -142,9 +193,44 @@ TEST_F(SamplingTest, DropsBeforeALoggerLooksAtTheRecord) {
     CLogger logger;
     EXPECT_EQ(logger.init("app"), 0);
     EXPECT_EQ(logger.write_baselog(nullptr, UINT32_MAX, 1, 2, 1), 0);
-    EXPECT_EQ(logger.write_baselog(1, "data", false, 1), 0);
-    EXPECT_EQ(logger.write_baselog(1, 1U, "%s", "data"), 0);
-    EXPECT_EQ(logger.get_errmsg(), "");
+}
+
+int writeRaw(CLogger& logger) { return logger.write_baselog("data", 4, 1, 0, 1); }
+int writeString(CLogger& logger) { return logger.write_baselog(1, "data", false, 1); }
+int writeFormatted(CLogger& logger) { return logger.write_baselog(1, 1U, "%s", "data"); }
+
+/// Each form of a base log, under the rates of the table.
+class SampledLogTest : public SamplingTest,
+                       public testing::WithParamInterface<int (*)(CLogger& logger)> {
+ protected:
+    /// Whether a record is sent, where none may fail.
+    bool sends() {
+        EXPECT_EQ(GetParam()(m_logger), 0);
+        return m_agent.takeDatagram();
+    }
+
+    Agent m_agent{kUdp};
+    CLogger m_logger{kUdp};
+};
+
+INSTANTIATE_TEST_SUITE_P(, SampledLogTest, testing::Values(writeRaw, writeString, writeFormatted));
+
+TEST_P(SampledLogTest, IsSentOnceInNCalls) {
+    setRate(1, 3);
+    EXPECT_EQ(m_logger.init("app"), 0);
+    for (const bool isSent : {false, false, true, false, false, true}) {
+        EXPECT_EQ(sends(), isSent);
+    }
+}
+
+TEST_P(SampledLogTest, LooksForTheSlotAMinuteAfterItWasMissing) {
+    setRate(1, 255);
+    EXPECT_EQ(m_logger.init("other"), 0);
+    publish("other");
+    setRate(1, 255);
+    now = kStart + 60;
+    EXPECT_TRUE(sends());
+    EXPECT_FALSE(sends());
 }
 
 }  // namespace

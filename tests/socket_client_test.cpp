@@ -6,85 +6,97 @@
 
 namespace {
 
-// What a faked call returns, the errno it leaves, and what else it hands over: poll's events,
-// getsockopt's value, the seconds that connect takes.
+QUORVEL_REAL(socket);
+QUORVEL_REAL(connect);
+QUORVEL_REAL(poll);
+QUORVEL_REAL(getsockopt);
+QUORVEL_REAL(fcntl);
+QUORVEL_REAL(send);
+
+const int kEvery = 0;
+
+/// A call of the library that fails as told.
 struct Fault {
+    std::string call;
+    int nth;  ///< or kEvery
     int result;
     int error = 0;
-    int detail = 0;
+    int out = 0;  ///< the events of poll, the value of getsockopt
 };
-using Faults = std::map<std::string, Fault>;
 
-Faults faults;  // by the call's name, alone or with the number of the call: "send2"
+std::vector<Fault> faults;
 std::map<std::string, int> calls;
-int detail = 0;  // of the last call
-int lastFd = -1;
+int connectSeconds = 0;  ///< how long a connect takes
+int connectedFd = -1;
 
-template <typename... Arguments>
-int call(const std::string& name, Arguments... arguments) {
-    const std::string nth = name + std::to_string(++calls[name]);
-    const auto found = faults.find(faults.count(nth) != 0 ? nth : name);
-    detail = 0;
-    if (found == faults.end()) {
-        return Quorvel::callReal<int>(name.c_str(), arguments...);
+int ignored = 0;
+
+/// What a call gives, or its fault, which also sets errno and `out`.
+template <typename Out, typename Real, typename... Arguments>
+auto orFault(const char* call, Out* out, Real* real, Arguments... arguments) {
+    const int nth = ++calls[call];
+    for (const Fault& fault : faults) {
+        if (fault.call == call && (fault.nth == nth || fault.nth == kEvery)) {
+            errno = fault.error;
+            *out = static_cast<Out>(fault.out);
+            return static_cast<decltype(real(arguments...))>(fault.result);
+        }
     }
-    detail = found->second.detail;
-    errno = found->second.error;
-    return found->second.result;
+    return real(arguments...);
 }
 
 }  // namespace
 
-extern "C" int socket(int domain, int type, int protocol) noexcept {
-    EXPECT_NE(type & SOCK_CLOEXEC, 0);
-    return call("socket", domain, type, protocol);
+extern "C" {
+
+int socket(int domain, int type, int protocol) noexcept {
+    return orFault("socket", &ignored, real_socket, domain, type, protocol);
 }
 
-extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
-    lastFd = fd;
-    const int res = call("connect", fd, address, length);
-    Quorvel::now += detail;
-    return res;
+int connect(int fd, const sockaddr* address, socklen_t length) {
+    connectedFd = fd;
+    Quorvel::now += connectSeconds;
+    return orFault("connect", &ignored, real_connect, fd, address, length);
 }
 
-extern "C" int poll(pollfd* entries, nfds_t count, int timeout) {
-    const int res = call("poll", entries, count, timeout);
-    EXPECT_TRUE(timeout == 0 || (timeout == 150 && entries->events == (POLLIN | POLLOUT)));
-    entries->revents = static_cast<short>(entries->revents | detail);
-    return res;
+int poll(pollfd* entries, nfds_t count, int timeout) {
+    EXPECT_TRUE(timeout == 150 || faults.empty());
+    return orFault("poll", &entries->revents, real_poll, entries, count, timeout);
 }
 
-extern "C" int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
-    const int res = call("getsockopt", fd, level, option, value, size);
-    *static_cast<int*>(value) |= detail;
-    return res;
+int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
+    int* const out = static_cast<int*>(value);
+    return orFault("getsockopt", out, real_getsockopt, fd, level, option, value, size);
 }
 
-// Gets the flags of a new socket, sets them, and the same again for streams once they are
-// connected.
-extern "C" int fcntl(int fd, int command, ...) {
+int fcntl(int fd, int command, ...) {
     va_list arguments;
     va_start(arguments, command);
     const long argument = va_arg(arguments, long);
     va_end(arguments);
-    return call("fcntl", fd, command, argument);
+    return orFault("fcntl", &ignored, real_fcntl, fd, command, argument);
 }
 
-extern "C" ssize_t send(int fd, const void* data, size_t length, int flags) {
-    return call("send", fd, data, length, flags);
+ssize_t send(int fd, const void* data, size_t length, int flags) {
+    return orFault("send", &ignored, real_send, fd, data, length, flags);
 }
 
-// A call that succeeds may change errno, too.
-extern "C" int pthread_rwlock_wrlock(pthread_rwlock_t* lock) noexcept {
-    errno = E2BIG;
-    return Quorvel::callReal<int>("pthread_rwlock_wrlock", lock);
-}
+}  // extern "C"
 
 namespace Quorvel {
 namespace {
 
-// Sends "hello" through calls that fail as told, and leaves in `calls` what was called.
-int send(SocketClient& client, const Faults& told = {}) {
+const time_t kStart = 1400000000;
+const int kNotConnected = 7;
+const int kNotWritten = 8;
+const int kNoDatagram = 17;
+
+const Fault kPending = {"connect", kEvery, -1, EINPROGRESS};
+const Fault kWritable = {"poll", kEvery, 1, 0, POLLOUT};
+const Fault kRefused = {"connect", kEvery, -1, ECONNREFUSED};
+
+/// Sends "hello" through calls that fail as told, and leaves in `calls` what was called.
+int send(SocketClient& client, const std::vector<Fault>& told = {}) {
     char data[] = "hello";
     faults = told;
     calls.clear();
@@ -93,75 +105,162 @@ int send(SocketClient& client, const Faults& told = {}) {
     return res;
 }
 
-TEST(SocketClientTest, TellsWhichStepFailedAndClosesAndBacksOff) {
-    const Faults::value_type pending = {"connect", {-1, EINPROGRESS}};
-    const Faults::value_type full = {"connect", {-1, EAGAIN}};
-    const Faults::value_type out = {"poll", {1, 0, POLLOUT}};
+/// A client and the agent, on the Unix stream unless a test says otherwise.
+class ClientTest : public testing::Test {
+ protected:
+    explicit ClientTest(Transport transport = kUnix) : m_agent(transport) {
+        now = kStart;
+        connectSeconds = 0;
+        m_client.init(transport, true);
+    }
+
+    Agent m_agent;
+    SocketClient m_client;
+};
+
+struct FaultRow {
+    std::vector<Fault> faults;
+    std::string text;
+};
+
+TEST(ConnectingTest, TellsWhichStepFailedAndClosesTheSocket) {
     const std::string timeout = "syncConnect connect timeout. ";
-    const std::string unsent = "sendWithoutRecv buff length 5, write res ";
-    const std::string datagram = "send udp message failed error[";
-    const std::tuple<int, Faults, std::string> rows[] = {
-        {7, {{"socket", {-1, EMFILE}}}, "create socket error:-1"},
-        {7, {{"fcntl2", {-1, EBADF}}}, "setnonblock error:-1"},
-        {7, {{"connect", {-1, ECONNREFUSED, 2}}}, "connect failed:[Connection refused]"},
-        {7, {pending, {"poll", {-1, EINTR}}}, "poll erro,ret:[-1],fd:["},
-        {7, {full, {"poll", {0, ENOENT}}}, timeout + "0 No such file or directory"},
-        {7, {pending, {"poll", {1, EIO, POLLPRI}}}, timeout + "1 Input/output error"},
-        {7, {pending, out, {"getsockopt", {-1, EPIPE}}}, "1 " + timeout + "ret[1] Broken pipe"},
-        {7, {pending, out, {"getsockopt", {0, 0, 9}}}, "2 " + timeout + "ret[1] error[9] Success"},
-        {7, {pending, {"poll", {1, 0, POLLHUP}}}, "POLL except error,ret:[1], fd:["},
-        {7, {{"connect", {0}}, {"fcntl4", {-1, EBADF}}}, "setblock error:-1"},
-        {8, {{"send1", {3}}, {"send2", {-1, EAGAIN}}}, unsent + "3"},
-        {17, {{"socket", {-1, EMFILE}}}, datagram + "24] errmsg[Too many open files]"},
-        {17, {{"connect", {-1, ENETDOWN}}}, datagram + "100] errmsg[Network is down]"},
-        {17, {{"fcntl2", {-1, EBADF}}}, datagram + "9] errmsg[Bad file descriptor]"},
-        {17, {{"send", {-1, ECONNREFUSED}}}, datagram + "111] errmsg[Connection refused]"},
+    const Fault failing = {"getsockopt", kEvery, -1, EPIPE};
+    const Fault socketError = {"getsockopt", kEvery, 0, 0, 9};
+    const int lowestFree = dup(STDIN_FILENO);
+    const std::string fd = std::to_string(lowestFree);
+    close(lowestFree);
+    const FaultRow rows[] = {
+        {{{"socket", kEvery, -1, EMFILE}}, "create socket error:-1"},
+        {{{"fcntl", 1, -1, EBADF}}, "setnonblock error:-1"},
+        {{{"fcntl", 2, -1, EBADF}}, "setnonblock error:-1"},
+        {{kRefused}, "connect failed:[Connection refused]"},
+        {{kPending, {"poll", kEvery, -1, EINTR}}, "poll erro,ret:[-1],fd:[" + fd + "]"},
+        {{kPending, {"poll", kEvery, 0, ENOENT}}, timeout + "0 No such file or directory"},
+        {{kPending, {"poll", kEvery, 1, EIO, POLLPRI}}, timeout + "1 Input/output error"},
+        {{kPending, kWritable, failing}, "1 " + timeout + "ret[1] Broken pipe"},
+        {{kPending, kWritable, socketError}, "2 " + timeout + "ret[1] error[9] Success"},
+        {{kPending, {"poll", kEvery, 1, 0, POLLHUP}}, "POLL except error,ret:[1], fd:[" + fd + "]"},
+        {{{"connect", kEvery, 0}, {"fcntl", 4, -1, EBADF}}, "setblock error:-1"},
     };
-    for (const auto& [code, told, text] : rows) {
-        SCOPED_TRACE(text);
-        const time_t start = now = 1400000000;
-        const Transport transport = code == 17 ? kUdp : kUnix;
-        Agent agent(transport);
-        const ptrdiff_t files = openFiles();
+    for (const FaultRow& row : rows) {
+        SCOPED_TRACE(row.text);
         SocketClient client;
-        client.init(transport, true);
-        EXPECT_EQ(send(client, told), code);
-        const std::string fd = text.back() == '[' ? std::to_string(lastFd) + "]" : "";
-        EXPECT_EQ(client.get_errmsg(), text + fd);
-        EXPECT_EQ(openFiles(), files + static_cast<int>(told.count("send")));
-        for (const int elapsed : code == 17 ? std::vector<int>() : std::vector<int>{0, 2, -100}) {
-            now = start + elapsed;
-            EXPECT_EQ(send(client), 7);
-            EXPECT_EQ(client.get_errmsg(), "return directly and will retry after [" +
-                                               std::to_string(3 - elapsed) + "] seconds");
-            EXPECT_TRUE(calls.empty());
-        }
-        now = start + 3;
-        EXPECT_EQ(send(client), 0);
-        EXPECT_EQ(agent.receive(5), code == 8 ? "" : "hello");
+        client.init(kUnix, true);
+        const ptrdiff_t files = openFiles();
+        EXPECT_EQ(send(client, row.faults), kNotConnected);
+        EXPECT_EQ(client.get_errmsg(), row.text);
+        EXPECT_EQ(openFiles(), files);
     }
 }
 
-TEST(SocketClientTest, SendsAllOffTheStandardStreamsAndOutOfOtherPrograms) {
-    char empty[] = "";
-    const Faults twoBytes = {{"send1", {2}}};  // only told to have been sent
-    const std::tuple<int8_t, Transport, Faults, std::string> rows[] = {
-        {0, kUnix, twoBytes, "llo"}, {-128, kTcp, twoBytes, "llo"}, {127, kUdp, {}, "hello"}};
-    for (const auto& [type, transport, told, sent] : rows) {
-        Agent agent(transport);
-        SocketClient client;
-        client.init(type, true);
-        EXPECT_EQ(client.sendWithoutRecv(nullptr, 0, true), 4);
-        EXPECT_EQ(client.get_errmsg(), "sendWithoutRecv buff is null");
-        EXPECT_EQ(client.sendWithoutRecv(empty, 0, true), 6);
-        EXPECT_EQ(client.get_errmsg(), "sendWithoutRecv buff length 0");
-        close(0);
-        EXPECT_EQ(send(client, told), 0);
-        EXPECT_EQ(open("/dev/null", O_RDONLY), 0) << "the first descriptor is not free any more";
-        EXPECT_EQ(agent.receive(sent.size()), sent);
-        EXPECT_EQ(::fcntl(lastFd, F_GETFD), FD_CLOEXEC);
-        EXPECT_EQ((::fcntl(lastFd, F_GETFL) & O_NONBLOCK) != 0, transport == kUdp);
+TEST_F(ClientTest, BacksOffAfterAFailureWithoutACall) {
+    EXPECT_EQ(send(m_client, {kRefused}), kNotConnected);
+    for (const int elapsed : {0, 1, 2, -100}) {
+        now = kStart + elapsed;
+        EXPECT_EQ(send(m_client), kNotConnected);
+        EXPECT_EQ(m_client.get_errmsg(), "return directly and will retry after [" +
+                                             std::to_string(3 - elapsed) + "] seconds");
+        EXPECT_TRUE(calls.empty());
     }
+}
+
+TEST_F(ClientTest, TriesAgainThreeSecondsAfterAnAttemptBegan) {
+    connectSeconds = 3;
+    EXPECT_EQ(send(m_client, {kRefused}), kNotConnected);
+    ASSERT_EQ(send(m_client), 0);
+    EXPECT_EQ(m_agent.receive(5), "hello");
+}
+
+TEST_F(ClientTest, TellsHowMuchWasSentAndCloses) {
+    const ptrdiff_t files = openFiles();
+    EXPECT_EQ(send(m_client, {{"send", 1, 3}, {"send", 2, -1, EAGAIN}}), kNotWritten);
+    EXPECT_EQ(m_client.get_errmsg(), "sendWithoutRecv buff length 5, write res 3");
+    EXPECT_EQ(openFiles(), files);
+}
+
+TEST_F(ClientTest, GoesOnAfterSendingAPartOrNothing) {
+    for (const int sent : {2, 0}) {
+        ASSERT_EQ(send(m_client, {{"send", 1, sent}}), 0);
+        EXPECT_EQ(m_agent.receive(5 - sent), std::string("hello").substr(sent));
+    }
+}
+
+// The kernel rounds the 5 ms up to its ticks, of 10 ms at most.
+TEST_F(ClientTest, LimitsHowLongASendWaits) {
+    timeval limit = {1, 0};
+    socklen_t size = sizeof(limit);
+    ASSERT_EQ(send(m_client), 0);
+    ::getsockopt(connectedFd, SOL_SOCKET, SO_SNDTIMEO, &limit, &size);
+    EXPECT_TRUE(limit.tv_sec == 0 && limit.tv_usec >= 5000 && limit.tv_usec <= 10000);
+}
+
+TEST(DatagramSocketTest, TellsWhyItSentNothingAndDoesNotBackOff) {
+    const FaultRow rows[] = {
+        {{{"socket", kEvery, -1, EMFILE}}, "24] errmsg[Too many open files]"},
+        {{{"connect", kEvery, -1, ENETDOWN}}, "100] errmsg[Network is down]"},
+        {{{"fcntl", 2, -1, EBADF}}, "9] errmsg[Bad file descriptor]"},
+        {{{"send", kEvery, -1, ECONNREFUSED}}, "111] errmsg[Connection refused]"},
+    };
+    Agent agent(kUdp);
+    for (const FaultRow& row : rows) {
+        SocketClient client;
+        client.init(kUdp, true);
+        EXPECT_EQ(send(client, row.faults), kNoDatagram);
+        EXPECT_EQ(client.get_errmsg(), "send udp message failed error[" + row.text);
+        ASSERT_EQ(send(client), 0);
+        EXPECT_EQ(agent.receive(5), "hello");
+    }
+}
+
+bool& noAgent(SocketClient& client);
+
+template <bool SocketClient::*Member>
+struct Revealed {
+    friend bool& noAgent(SocketClient& client) { return client.*Member; }
+};
+template struct Revealed<&SocketClient::m_noAgent>;  // an instantiation may name what is private
+
+TEST(DatagramSocketTest, SendsNothingWithoutAnAgent) {
+    const Agent agent(kUdp);
+    SocketClient client;
+    client.init(kUdp, true);
+    noAgent(client) = true;
+    EXPECT_EQ(send(client), kNoDatagram);
+    EXPECT_EQ(client.get_errmsg(), "");
+    EXPECT_TRUE(agent.isIdle());
+}
+
+TEST_F(ClientTest, RefusesWhatIsNoRequest) {
+    char data[] = "hello";
+    EXPECT_EQ(m_client.sendWithoutRecv(nullptr, 0, true), 4);
+    EXPECT_EQ(m_client.get_errmsg(), "sendWithoutRecv buff is null");
+    EXPECT_EQ(m_client.sendWithoutRecv(data, 0, true), 6);
+    EXPECT_EQ(m_client.get_errmsg(), "sendWithoutRecv buff length 0");
+}
+
+class SocketTest : public ClientTest, public testing::WithParamInterface<Transport> {
+ protected:
+    SocketTest() : ClientTest(GetParam()) { EXPECT_EQ(send(m_client), 0); }
+};
+
+INSTANTIATE_TEST_SUITE_P(, SocketTest, testing::Values(kUnix, kTcp, kUdp));
+
+TEST_P(SocketTest, IsKeptFromOtherPrograms) {
+    EXPECT_EQ(::fcntl(connectedFd, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_P(SocketTest, BlocksUnlessItSendsDatagrams) {
+    const bool blocks = (::fcntl(connectedFd, F_GETFL) & O_NONBLOCK) == 0;
+    EXPECT_EQ(blocks, GetParam() != kUdp);
+}
+
+TEST_P(SocketTest, IsNoStandardDescriptor) {
+    SocketClient client;
+    client.init(GetParam(), true);
+    close(STDIN_FILENO);
+    ASSERT_EQ(send(client), 0);
+    EXPECT_EQ(open("/dev/null", O_RDONLY), STDIN_FILENO);
 }
 
 }  // namespace

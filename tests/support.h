@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <time.h>
 
 #include <fstream>
@@ -15,35 +17,83 @@
 #include <map>
 #include <memory>
 
+#include "host_paths.h"
+#include "qvapi_cpp.h"
 #include "test_agent.h"
+
+/// Declares real_NAME, the function behind one of the same name that the test program defines. It
+/// is looked up early: a child forked while another thread is in dlsym(3) must not call that.
+#define QUORVEL_REAL(name) \
+    const auto real_##name = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
 
 namespace Quorvel {
 
-const char* const kFallbackFile = "/data/qvagent/msgdat.dat";
-
 enum Transport : int8_t { kUnix = 0, kTcp = 1, kUdp = 2 };
+
+QUORVEL_REAL(time);
 
 /// What time(2) tells the library; the real time while it is 0.
 inline std::atomic<time_t> now{0};
 
-/// Calls the function behind one of the same name that the test program defines.
-template <typename Result, typename... Arguments>
-Result callReal(const char* name, Arguments... arguments) {
-    return reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name))(arguments...);
-}
-
 /// The result of `operation`, which must leave errno as it finds it.
 template <typename Operation>
 auto keepingErrno(const Operation& operation) {
-    const int before = errno = 4711;
+    const int own = 4711;
+    errno = own;
     auto result = operation();
     const int after = errno;
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(after, own);
     return result;
 }
 
 inline ptrdiff_t openFiles() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// An empty directory for the fallback file and the sampling table's marker.
+inline void makeFallbackDirectory() {
+    std::filesystem::remove_all(kFallbackDirectory);
+    std::filesystem::create_directories(kFallbackDirectory);
+}
+
+/// Runs `work` on `count` threads at once, each with its number.
+inline void onThreads(int count, const std::function<void(int)>& work) {
+    std::vector<std::thread> threads;
+    for (int number = 0; number < count; ++number) {
+        threads.emplace_back(work, number);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+/// Forks a child that runs `steps`, whose EXPECT_... name what fails there, and ends.
+inline pid_t runInChild(const std::function<void()>& steps) {
+    const pid_t child = fork();
+    if (child == 0) {
+        steps();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    return child;
+}
+
+/// Waits, a minute at most, for the end of a child in which nothing failed.
+inline void awaitChild(pid_t child) {
+    int status = 0;
+    const bool ended = eventually([&] { return waitpid(child, &status, WNOHANG) == child; });
+    EXPECT_TRUE(ended && status == 0) << "child: " << (ended ? status : -1);
+    if (!ended) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+}
+
+/// Whether every closed batch of statistics has been written but the last, which may be in hand.
+inline bool hasEmptyQueue(CLogger& logger) {
+    pthread_rwlock_rdlock(&logger.m_queue_lock);
+    const bool isEmpty = logger.m_stat_log_queues.empty();
+    pthread_rwlock_unlock(&logger.m_queue_lock);
+    return isEmpty;
 }
 
 /// Serves an endpoint without a thread: what arrives waits until the test asks for its bytes.
@@ -67,6 +117,15 @@ class Agent {
         return bytes.substr(0, got > 0 ? static_cast<size_t>(got) : 0);
     }
 
+    /// Whether a datagram waits, which this takes.
+    bool takeDatagram() {
+        const bool waits = !isIdle();
+        if (waits) {
+            receive(1);
+        }
+        return waits;
+    }
+
     /// Whether no connection and no datagram waits.
     bool isIdle() const {
         pollfd entry = {m_endpoint, POLLIN, 0};
@@ -82,7 +141,7 @@ class Agent {
 
 extern "C" time_t time(time_t* result) noexcept {
     const time_t fake = Quorvel::now;
-    return fake != 0 ? fake : Quorvel::callReal<time_t>("time", result);
+    return fake != 0 ? fake : Quorvel::real_time(result);
 }
 
 #endif  // QUORVEL_TESTS_SUPPORT_H

@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "agent_address.h"
+#include "host_paths.h"
 #include "request_decoder.h"
 
 namespace Quorvel {
@@ -41,17 +43,34 @@ bool eventually(Condition condition) {
     return true;
 }
 
+/// A record as it reached the agent, with texts of its own.
+struct Request {
+    Request() = default;
+    explicit Request(const RequestView& view)
+        : command(view.command),
+          logType(view.logType),
+          timestamp(view.timestamp),
+          application(view.application),
+          body(view.body) {}
+
+    uint8_t command;
+    uint8_t logType;
+    uint32_t timestamp;
+    std::string application;
+    std::string body;
+};
+
 /// The record of a whole request.
 inline Request decoded(const std::string& bytes) {
-    Request record = {};
+    RequestView record = {};
     std::string error;
-    EXPECT_TRUE(decodeRequest(bytes.data(), bytes.size(), record, error)) << error;
-    return record;
+    EXPECT_TRUE(decodeRequest(bytes, record, error)) << error;
+    return Request(record);
 }
 
 /// The records of the fallback file, all of which must be whole.
 inline std::vector<Request> fallbackRecords() {
-    std::ifstream file("/data/qvagent/msgdat.dat", std::ios::binary);
+    std::ifstream file(kFallbackFile, std::ios::binary);
     std::vector<Request> records;
     for (uint32_t length; file.read(reinterpret_cast<char*>(&length), sizeof(length));) {
         std::string request(length, 0);
@@ -62,15 +81,15 @@ inline std::vector<Request> fallbackRecords() {
     return records;
 }
 
-const sockaddr_un kUnixAddress = {AF_UNIX, "/data/container2host/cqv"};
-const sockaddr_in kLoopbackAddress = {AF_INET, htons(20005), {htonl(INADDR_LOOPBACK)}, {}};
+const sockaddr_un kUnixAddress = agentUnixAddress();
+const sockaddr_in kLoopbackAddress = agentLoopbackAddress();
 
 /// A socket that serves the agent's endpoint of a logger's socket type: 0 Unix, 1 TCP, 2 UDP.
 inline int openEndpoint(int socketType, int backlog = 128) {
     const auto* address = reinterpret_cast<const sockaddr*>(&kLoopbackAddress);
     socklen_t length = sizeof(kLoopbackAddress);
     if (socketType == 0) {
-        std::filesystem::create_directories("/data/container2host");
+        std::filesystem::create_directories(kAgentDirectory);
         unlink(kUnixAddress.sun_path);
         address = reinterpret_cast<const sockaddr*>(&kUnixAddress);
         length = sizeof(kUnixAddress);
@@ -96,12 +115,18 @@ struct Conversation {
 /// received outlives cut() and stop(). One thread controls it; any may look at what it received.
 class TestAgent {
  public:
-    explicit TestAgent(int socketType) : m_type(socketType) { start(); }
+    explicit TestAgent(int socketType) : m_isStream(socketType != 2), m_type(socketType) {
+        start();
+    }
     ~TestAgent() { stop(); }
 
     void start() {
-        int fd = openEndpoint(m_type);
-        m_type == 2 ? add(fd) : std::swap(fd, m_listener);
+        const int fd = openEndpoint(m_type);
+        if (m_isStream) {
+            m_listener = fd;
+        } else {
+            add(fd);
+        }
         proceed();
     }
 
@@ -124,7 +149,8 @@ class TestAgent {
         m_listener = -1;
     }
 
-    /// Closes every stream connection, with what was not read from it.
+    /// Closes every stream connection, with what was not read from it, as an agent does that is
+    /// back at once: all the while the endpoint stands.
     void cut() {
         endAll();
         proceed();
@@ -143,6 +169,11 @@ class TestAgent {
             all.insert(all.end(), heard.records.begin(), heard.records.end());
         }
         return all;
+    }
+
+    /// Waits until `count` records arrived.
+    bool hasReceived(size_t count) const {
+        return eventually([&] { return m_recordCount >= count; });
     }
 
     size_t recordCount() const { return m_recordCount; }
@@ -181,12 +212,12 @@ class TestAgent {
     bool read(Conversation& heard) {
         const ssize_t size = recv(heard.fd, m_bytes, sizeof(m_bytes), MSG_DONTWAIT);
         heard.decoder.feed(m_bytes, static_cast<size_t>(std::max<ssize_t>(size, 0)));
-        Request record;
+        RequestView record;
         while (heard.decoder.next(record) == RequestDecoder::Status::kRequest) {
-            heard.records.push_back(record);
+            heard.records.emplace_back(record);
             ++m_recordCount;
         }
-        const bool isTornDatagram = m_type == 2 && heard.decoder.pending() > 0;
+        const bool isTornDatagram = !m_isStream && heard.decoder.pending() > 0;
         if (size == 0 || (size < 0 && errno != EAGAIN) || isTornDatagram) {
             end(heard);
         }
@@ -200,11 +231,14 @@ class TestAgent {
     }
 
     void end(Conversation& heard) {
-        m_openConnections -= heard.fd >= 0 ? 1 : 0;
-        close(heard.fd);
-        heard.fd = -1;
+        if (heard.fd >= 0) {
+            close(heard.fd);
+            heard.fd = -1;
+            --m_openConnections;
+        }
     }
 
+    const bool m_isStream;
     const int m_type;
     int m_listener = -1;
     std::atomic<bool> m_paused{false};

@@ -2,38 +2,20 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <filesystem>
 #include <stdexcept>
 
+#include "agent_address.h"
+
 namespace Quorvel {
 namespace {
 
-const char kSocketPath[] = "/data/container2host/cqv";
-const uint16_t kPort = 20005;
 const int kDatagramBufferSize = 8 << 20;
-
-sockaddr_un unixAddress() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    static_assert(sizeof(kSocketPath) <= sizeof(address.sun_path), "the path fits");
-    memcpy(address.sun_path, kSocketPath, sizeof(kSocketPath));
-    return address;
-}
-
-sockaddr_in loopbackAddress() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(kPort);
-    return address;
-}
 
 Descriptor openSocket(int family, int type) {
     return Descriptor(socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -59,10 +41,10 @@ void enlargeReceiveBuffer(int fd) {
 
 }  // namespace
 
-Endpoint::Endpoint(Transport transport) : m_transport(transport) {
+Endpoint::Endpoint(Transport transport, mode_t socketMode) : m_transport(transport) {
     switch (transport) {
         case Transport::kUnix:
-            openUnix();
+            openUnix(socketMode);
             break;
         case Transport::kTcp:
             openLoopback(SOCK_STREAM);
@@ -77,20 +59,22 @@ Endpoint::Endpoint(Transport transport) : m_transport(transport) {
 // and put its own in place in between.
 Endpoint::~Endpoint() {
     struct stat status;
-    if (m_inode != 0 && lstat(kSocketPath, &status) == 0 && status.st_ino == m_inode) {
-        unlink(kSocketPath);
+    if (m_inode != 0 && lstat(kAgentSocketPath, &status) == 0 && status.st_ino == m_inode) {
+        unlink(kAgentSocketPath);
     }
 }
 
 std::string Endpoint::name() const {
-    const std::string address =
-        m_transport == Transport::kUnix ? kSocketPath : "127.0.0.1:" + std::to_string(kPort);
+    const std::string address = m_transport == Transport::kUnix
+                                    ? kAgentSocketPath
+                                    : "127.0.0.1:" + std::to_string(kAgentPort);
     return std::string(transportName(m_transport)) + " " + address;
 }
 
-void Endpoint::openUnix() {
-    const auto directory = std::filesystem::path(kSocketPath).parent_path();
-    std::filesystem::create_directories(directory);
+void Endpoint::openUnix(mode_t socketMode) {
+    const auto directory = std::filesystem::path(kAgentSocketPath).parent_path();
+    makeDirectory(directory.parent_path());
+    makeDirectory(directory);
     // From the look at the old file to the new socket's listening, this lock keeps other processes
     // from taking the one for stale or removing the other.
     const Descriptor lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -100,11 +84,19 @@ void Endpoint::openUnix() {
     removeStaleFile();
     m_socket = openSocket(AF_UNIX, SOCK_STREAM);
     struct stat status;
-    if (bindTo(fd(), unixAddress()) != 0 || lstat(kSocketPath, &status) != 0) {
+    if (bindTo(fd(), agentUnixAddress()) != 0 || chmod(kAgentSocketPath, socketMode) != 0 ||
+        lstat(kAgentSocketPath, &status) != 0) {
         failWithErrno("cannot create the socket");
     }
     m_inode = status.st_ino;
     listenForConnections();
+}
+
+// Servers of every user pass through it to the socket, whatever this process's umask.
+void Endpoint::makeDirectory(const std::string& path) const {
+    if (mkdir(path.c_str(), 0700) == 0 ? chmod(path.c_str(), 0755) != 0 : errno != EEXIST) {
+        failWithErrno("cannot make the directory " + path);
+    }
 }
 
 void Endpoint::openLoopback(int type) {
@@ -113,7 +105,7 @@ void Endpoint::openLoopback(int type) {
         const int on = 1;
         setsockopt(fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     }
-    if (bindTo(fd(), loopbackAddress()) != 0) {
+    if (bindTo(fd(), agentLoopbackAddress()) != 0) {
         failWithErrno("cannot bind");
     }
     if (type == SOCK_STREAM) {
@@ -125,7 +117,7 @@ void Endpoint::openLoopback(int type) {
 
 void Endpoint::removeStaleFile() const {
     struct stat status;
-    if (lstat(kSocketPath, &status) != 0) {
+    if (lstat(kAgentSocketPath, &status) != 0) {
         if (errno == ENOENT) {
             return;
         }
@@ -135,13 +127,13 @@ void Endpoint::removeStaleFile() const {
         fail("the file is not a socket; it stays untouched");
     }
     const Descriptor probe = openSocket(AF_UNIX, SOCK_STREAM);
-    if (connectTo(probe.get(), unixAddress()) == 0 || errno == EAGAIN) {
+    if (connectTo(probe.get(), agentUnixAddress()) == 0 || errno == EAGAIN) {
         fail("another process serves it");
     }
     if (errno != ECONNREFUSED) {
         failWithErrno("cannot tell whether another process serves it");
     }
-    if (unlink(kSocketPath) != 0) {
+    if (unlink(kAgentSocketPath) != 0) {
         failWithErrno("cannot remove the stale socket");
     }
 }
@@ -160,7 +152,10 @@ void Endpoint::failWithErrno(const std::string& what) const {
     if (errno == EADDRINUSE || errno == EWOULDBLOCK) {
         fail("another process serves it");
     }
-    fail(what + ": " + strerror(errno));
+    const bool forbidden = errno == EACCES || errno == EPERM || errno == EROFS;
+    const bool hasOtherWays = forbidden && m_transport == Transport::kUnix;
+    fail(what + ": " + strerror(errno) +
+         (hasOtherWays ? " (--tcp --udp listen without this permission)" : ""));
 }
 
 }  // namespace Quorvel

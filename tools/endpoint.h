@@ -14,7 +14,8 @@ namespace Quorvel {
 /// socket does not block. Throws when another process serves the endpoint, or on any other failure.
 class Endpoint {
  public:
-    explicit Endpoint(Transport transport);
+    /// @param socketMode permissions of the socket file; only for Transport::kUnix.
+    Endpoint(Transport transport, mode_t socketMode);
     /// Removes the socket file, unless another has taken its place.
     ~Endpoint();
     Endpoint(const Endpoint&) = delete;
@@ -26,7 +27,8 @@ class Endpoint {
     std::string name() const;
 
  private:
-    void openUnix();
+    void openUnix(mode_t socketMode);
+    void makeDirectory(const std::string& path) const;
     void openLoopback(int type);
     void removeStaleFile() const;
     void listenForConnections() const;

@@ -1,326 +1,160 @@
-#include <errno.h>
-#include <limits.h>
-#include <poll.h>
-#include <signal.h>
 #include <stdint.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
-#include <list>
-#include <map>
+#include <iterator>
 #include <memory>
-#include <stdexcept>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "descriptor.h"
-#include "endpoint.h"
-#include "record_line.h"
-#include "request_decoder.h"
+#include "command_line.h"
+#include "kept_requests.h"
+#include "listener.h"
+#include "output.h"
+#include "record_filter.h"
+#include "record_printer.h"
+#include "stats_table.h"
+#include "stop_signals.h"
+#include "tally.h"
+#include "text_safety.h"
 #include "transport.h"
 #include "verbs.h"
 
 namespace Quorvel {
 namespace {
 
-const size_t kReadSize = 64 << 10;  // also more than any datagram
-const int kDatagramsPerRound = 256;
-const int kAcceptRetrySeconds = 1;
+const size_t kSummaryRows = 50;
 
 struct ListenOptions {
-    std::vector<Transport> transports;
+    ListenerOptions listener;
+    RecordFilter filter;
+    std::string mode = "0666";
+    std::string keep;
     bool json = false;
-    uint64_t count = 0;
+    bool stats = false;
+    int64_t count = 0;
+    int64_t slowMilliseconds = 0;
 };
 
-volatile sig_atomic_t stopRequested = 0;
-
-/// Lets SIGINT and SIGTERM in only while the program waits, so that none is missed between a look
-/// at the flag and the wait. A second signal ends the program in the default way.
-class StopSignals {
+/// What becomes of the records that arrive, until the wanted number is there.
+class Records {
  public:
-    StopSignals() {
-        struct sigaction action {};
-        action.sa_handler = [](int) { stopRequested = 1; };
-        action.sa_flags = static_cast<int>(SA_RESETHAND);
-        sigset_t signals;
-        sigemptyset(&signals);
-        for (const int signal : {SIGINT, SIGTERM}) {
-            sigaddset(&signals, signal);
-            sigaction(signal, &action, nullptr);
-        }
-        sigprocmask(SIG_BLOCK, &signals, &m_waitMask);
-        for (const int signal : {SIGINT, SIGTERM}) {
-            sigdelset(&m_waitMask, signal);
+    explicit Records(const ListenOptions& options)
+        : m_options(options), m_printer(makeRecordPrinter(recordStyle(options.json))) {
+        if (!options.keep.empty()) {
+            m_kept.emplace(options.keep);
         }
     }
 
-    /// @return how many are ready; 0 also when a signal ended the wait.
-    int wait(std::vector<pollfd>& polled, const timespec* timeout) const {
-        const int ready = ppoll(polled.data(), polled.size(), timeout, &m_waitMask);
-        if (ready < 0 && errno != EINTR) {
-            throw std::runtime_error(std::string("cannot wait for input: ") + strerror(errno));
+    /// @return whether more are wanted.
+    bool take(Transport transport, const RequestView& request) {
+        if (!m_options.filter.matches(request)) {
+            return true;
         }
-        return std::max(ready, 0);
+        m_tally.add(request);
+        if (m_kept) {
+            m_kept->add(request.bytes);
+        }
+        if (!m_options.stats) {
+            m_printer->print(request, transport, m_output);
+        }
+        pause();
+        return m_options.count == 0 ||
+               m_tally.total().records < static_cast<uint64_t>(m_options.count);
     }
 
- private:
-    sigset_t m_waitMask;
-};
+    /// Keeps and shows what was taken.
+    void show() {
+        if (m_kept) {
+            m_kept->flush();
+        }
+        if (!m_options.stats) {
+            m_output.flush();
+        } else if (millisecondsLeft() == 0) {
+            m_table.draw(m_tally, m_output);
+        }
+    }
 
-/// Collects lines for standard output.
-class Output {
- public:
-    explicit Output(const StopSignals& signals) : m_signals(signals) {}
+    /// @return how long until show() is due without a new record; -1: not at all.
+    int64_t millisecondsLeft() const { return m_options.stats ? m_table.millisecondsLeft() : -1; }
 
-    void add(const std::string& line) { m_text += line; }
-
-    /// Writes what was added; gives it up when a signal arrives while the reader does not read.
-    void flush() {
-        size_t written = 0;
-        while (written < m_text.size() && isWritable()) {
-            // A pipe that is ready takes this many bytes without blocking.
-            const size_t length = std::min<size_t>(m_text.size() - written, PIPE_BUF);
-            const ssize_t result = write(STDOUT_FILENO, m_text.data() + written, length);
-            if (result < 0 && errno != EAGAIN) {
-                throw std::runtime_error(std::string("cannot write to standard output: ") +
-                                         strerror(errno));
+    void end(uint64_t malformedInputs) {
+        if (m_options.stats) {
+            m_table.draw(m_tally, m_output);
+        }
+        Tally::Amount others = m_tally.others();
+        const std::vector<Tally::Row> rows = m_tally.rows();
+        for (size_t i = 0; i < rows.size(); ++i) {
+            if (i >= kSummaryRows) {
+                others.add(rows[i].amount);
+                continue;
             }
-            written += static_cast<size_t>(std::max<ssize_t>(result, 0));
+            const auto& [name, logType] = *rows[i].key;
+            printAmount(escapeForTerminal(name) + " type " + std::to_string(logType),
+                        rows[i].amount);
         }
-        m_text.clear();
-    }
-
- private:
-    bool isWritable() const {
-        std::vector<pollfd> polled{{STDOUT_FILENO, POLLOUT, 0}};
-        return m_signals.wait(polled, nullptr) > 0;
-    }
-
-    const StopSignals& m_signals;
-    std::string m_text;
-};
-
-/// What arrived, by application and log type.
-class Summary {
- public:
-    void add(const Request& request) {
-        Amount& amount = m_amounts[{request.application, request.logType}];
-        ++amount.records;
-        amount.bytes += request.body.size();
-        ++m_records;
-    }
-    void addMalformed() { ++m_malformed; }
-    uint64_t records() const { return m_records; }
-
-    void print() const {
-        for (const auto& [key, amount] : m_amounts) {
-            std::cerr << "qvctl: " << escapeForTerminal(key.first) << " type " << key.second << ": "
-                      << amount.records << " records, " << amount.bytes << " bytes\n";
+        if (others.records > 0) {
+            printAmount("all others", others);
         }
-        std::cerr << "qvctl: " << m_records << " records in all, " << m_malformed
+        std::cerr << "qvctl: " << m_tally.total().records << " records in all, " << malformedInputs
                   << " malformed inputs\n";
     }
 
  private:
-    struct Amount {
-        uint64_t records = 0;
-        uint64_t bytes = 0;
-    };
-
-    std::map<std::pair<std::string, int>, Amount> m_amounts;
-    uint64_t m_records = 0;
-    uint64_t m_malformed = 0;
-};
-
-struct Connection {
-    Descriptor socket;
-    Transport transport;
-    uint64_t number;
-    RequestDecoder decoder;
-    bool ended = false;
-};
-
-/// Serves the endpoints until a signal, the wanted number of records or an error.
-class Listener {
- public:
-    explicit Listener(const ListenOptions& options)
-        : m_options(options),
-          m_outputIsTerminal(isatty(STDOUT_FILENO)),
-          m_output(m_signals),
-          m_input(kReadSize) {
-        for (const Transport transport : options.transports) {
-            m_endpoints.emplace_back(transport);
-        }
-        for (const Endpoint& endpoint : m_endpoints) {
-            std::cerr << "qvctl: listening on " << endpoint.name() << '\n';
-        }
-    }
-
-    void run() {
-        while (!stopRequested && !hasEnough()) {
-            serveOnce();
+    void pause() {
+        if (m_options.slowMilliseconds > 0 && !stopRequested()) {
             m_output.flush();
-        }
-        m_summary.print();
-    }
-
- private:
-    bool hasEnough() const {
-        return m_options.count != 0 && m_summary.records() == m_options.count;
-    }
-
-    void serveOnce() {
-        std::vector<pollfd> polled = pollSet();
-        const timespec retry{kAcceptRetrySeconds, 0};
-        if (m_signals.wait(polled, m_accepting ? nullptr : &retry) == 0) {
-            m_accepting = true;
-            return;
-        }
-        auto entry = polled.begin();
-        if (entry++->revents != 0) {
-            throw std::runtime_error("standard output was closed");
-        }
-        for (const Endpoint& endpoint : m_endpoints) {
-            if (entry++->revents != 0) {
-                serve(endpoint);
-            }
-        }
-        auto connection = m_connections.begin();
-        for (; entry != polled.end(); ++entry, ++connection) {
-            if (entry->revents != 0) {
-                serve(*connection);
-            }
-        }
-        if (const auto isEnded = [](const Connection& each) { return each.ended; };
-            std::any_of(m_connections.begin(), m_connections.end(), isEnded)) {
-            m_connections.remove_if(isEnded);
-            m_accepting = true;
+            const timespec length = {m_options.slowMilliseconds / 1000,
+                                     m_options.slowMilliseconds % 1000 * 1000000};
+            nanosleep(&length, nullptr);
         }
     }
 
-    /// Standard output (for its reader's end), the endpoints, the connections.
-    std::vector<pollfd> pollSet() const {
-        std::vector<pollfd> polled{{STDOUT_FILENO, 0, 0}};
-        for (const Endpoint& endpoint : m_endpoints) {
-            const bool wanted = m_accepting || endpoint.transport() == Transport::kUdp;
-            polled.push_back({wanted ? endpoint.fd() : -1, POLLIN, 0});
-        }
-        for (const Connection& connection : m_connections) {
-            polled.push_back({connection.socket.get(), POLLIN, 0});
-        }
-        return polled;
-    }
-
-    void serve(const Endpoint& endpoint) {
-        if (endpoint.transport() == Transport::kUdp) {
-            receiveDatagrams(endpoint);
-        } else {
-            acceptConnection(endpoint);
-        }
-    }
-
-    void receiveDatagrams(const Endpoint& endpoint) {
-        for (int i = 0; i < kDatagramsPerRound && !hasEnough(); ++i) {
-            const ssize_t length = recv(endpoint.fd(), m_input.data(), m_input.size(), 0);
-            if (length < 0) {
-                return;
-            }
-            Request request;
-            std::string error;
-            if (decodeRequest(m_input.data(), static_cast<size_t>(length), request, error)) {
-                take(endpoint.transport(), request);
-            } else {
-                reportMalformed("udp datagram refused: " + error);
-            }
-        }
-    }
-
-    /// Out of descriptors or memory, new connections wait in the backlog until one here ends.
-    void acceptConnection(const Endpoint& endpoint) {
-        Descriptor socket(accept4(endpoint.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket.get() >= 0) {
-            m_shortage = false;
-            m_connections.push_back(
-                {std::move(socket), endpoint.transport(), ++m_connectionNumber, {}});
-        } else if (errno != EAGAIN && errno != ECONNABORTED) {
-            const char* reason = strerror(errno);
-            if (!m_shortage) {
-                std::cerr << "qvctl: " << endpoint.name()
-                          << ": new connections have to wait: " << reason << '\n';
-            }
-            m_shortage = true;
-            m_accepting = false;
-        }
-    }
-
-    void serve(Connection& connection) {
-        const ssize_t length = recv(connection.socket.get(), m_input.data(), m_input.size(), 0);
-        if (length < 0 && errno == EAGAIN) {
-            return;
-        }
-        if (length <= 0) {
-            connection.ended = true;
-            if (connection.decoder.pending() > 0) {
-                reportMalformed(connection, "ended inside a request");
-            }
-            return;
-        }
-        connection.decoder.feed(m_input.data(), static_cast<size_t>(length));
-        decode(connection);
-    }
-
-    void decode(Connection& connection) {
-        Request request;
-        while (!hasEnough()) {
-            switch (connection.decoder.next(request)) {
-                case RequestDecoder::Status::kRequest:
-                    take(connection.transport, request);
-                    break;
-                case RequestDecoder::Status::kNeedMore:
-                    return;
-                case RequestDecoder::Status::kMalformed:
-                    connection.ended = true;
-                    reportMalformed(connection, connection.decoder.error());
-                    return;
-            }
-        }
-    }
-
-    void take(Transport transport, const Request& request) {
-        m_summary.add(request);
-        m_output.add(m_options.json || !m_outputIsTerminal
-                         ? jsonLine(transport, request, m_outputIsTerminal)
-                         : readableLine(transport, request));
-    }
-
-    void reportMalformed(const Connection& connection, const std::string& error) {
-        reportMalformed(std::string(transportName(connection.transport)) + " connection " +
-                        std::to_string(connection.number) + " closed: " + error);
-    }
-
-    void reportMalformed(const std::string& message) {
-        m_summary.addMalformed();
-        std::cerr << "qvctl: " << message << '\n';
+    static void printAmount(const std::string& what, const Tally::Amount& amount) {
+        std::cerr << "qvctl: " << what << ": " << amount.records << " records, " << amount.bytes
+                  << " bytes\n";
     }
 
     const ListenOptions& m_options;
-    const StopSignals m_signals;
-    const bool m_outputIsTerminal;
+    const std::unique_ptr<RecordPrinter> m_printer;
+    std::optional<KeptRequests> m_kept;
     Output m_output;
-    Summary m_summary;
-    std::list<Endpoint> m_endpoints;
-    std::list<Connection> m_connections;
-    uint64_t m_connectionNumber = 0;
-    bool m_accepting = true;
-    bool m_shortage = false;  // reported, and no connection accepted since
-    std::vector<char> m_input;
+    Tally m_tally;
+    StatsTable m_table;
 };
+
+std::string octalMode(const std::string& text) {
+    const bool isOctal = !text.empty() && text.size() <= 4 &&
+                         text.find_first_not_of("01234567") == std::string::npos;
+    return isOctal && std::stoul(text, nullptr, 8) <= 0777 ? "" : text + " is no mode of 0 to 0777";
+}
+
+void listen(const ListenOptions& options) {
+    catchStopSignals();
+    Records records(options);
+    Listener listener(options.listener,
+                      [&records](Transport transport, const RequestView& request) {
+                          return records.take(transport, request);
+                      });
+    try {
+        while (!stopRequested() && !listener.isDone()) {
+            listener.serve(records.millisecondsLeft());
+            records.show();
+        }
+        if (!listener.isDone()) {
+            listener.drain();
+        }
+        records.show();
+    } catch (...) {
+        records.end(listener.malformedInputs());
+        throw;
+    }
+    records.end(listener.malformedInputs());
+}
 
 }  // namespace
 
@@ -330,9 +164,12 @@ void addListenVerb(CLI::App& program, int& status) {
         "listen", "Stand in for the collection agent: print every record that arrives.");
     verb->footer(
         "Listens on all endpoints, or on those named. Prints one line per record: readable on a\n"
-        "terminal, a JSON object otherwise; text that is not UTF-8 is in base64 there, marked by\n"
-        "the key applicationEncoding or bodyEncoding. Input that is no request closes its\n"
-        "connection with a message on standard error. Ctrl-C prints a summary and ends it.\n"
+        "terminal (in colours unless NO_COLOR is set), a JSON object otherwise; text that is not\n"
+        "UTF-8 is in base64 there, marked by the key applicationEncoding or bodyEncoding. Input\n"
+        "that is no request closes its connection with a message on standard error.\n"
+        "Ctrl-C reads what the clients' sockets still hold, prints a summary and ends; a second\n"
+        "one ends at once.\n"
+        "Example: qvctl listen --unix --json | jq .body\n"
         "Exit status: 0 ended by SIGINT, SIGTERM or --count, 1 an endpoint is taken, standard\n"
         "output was closed, or another failure, 2 wrong usage.");
     const std::pair<Transport, const char*> endpoints[] = {
@@ -344,17 +181,37 @@ void addListenVerb(CLI::App& program, int& status) {
         const Transport chosen = transport;
         verb->add_flag_callback(
             std::string("--") + transportName(transport),
-            [options, chosen] { options->transports.push_back(chosen); }, help);
+            [options, chosen] { options->listener.transports.push_back(chosen); }, help);
     }
+    verb->add_option("--mode", options->mode, "Permissions of the Unix-domain socket's file")
+        ->check(octalMode)
+        ->type_name("OCTAL")
+        ->capture_default_str();
     verb->add_flag("--json", options->json, "Print JSON on a terminal as well");
-    verb->add_option("--count", options->count, "End after this many records")
-        ->check(CLI::Range(uint64_t{1}, UINT64_MAX, "POSITIVE"));
+    verb->add_flag("--stats", options->stats,
+                   "Instead of records, print a table of records and bytes a second");
+    verb->add_option("--keep", options->keep,
+                     "Append the requests to this file, in the fallback file's format")
+        ->type_name("FILE")
+        ->transform(unprotect);
+    addNumber<int64_t>(*verb, "--count", options->count, 1, INT64_MAX,
+                       "End after this many records");
+    addFilterOptions(*verb, options->filter);
+    addNumber<int64_t>(*verb, "--idle", options->listener.idleSeconds, 1, INT32_MAX,
+                       "Close a connection that sends nothing for so long")
+        ->type_name("SECONDS");
+    addNumber<int64_t>(*verb, "--slow", options->slowMilliseconds, 1, INT32_MAX,
+                       "Play a slow agent: pause for so long after each record")
+        ->type_name("MILLISECONDS");
+    verb->add_flag("--stall", options->listener.stalled,
+                   "Play a stuck agent: accept and read nothing until Ctrl-C");
     verb->callback([options, &status] {
-        if (options->transports.empty()) {
-            options->transports.assign(std::begin(kTransports), std::end(kTransports));
+        ListenerOptions& listener = options->listener;
+        if (listener.transports.empty()) {
+            listener.transports.assign(std::begin(kTransports), std::end(kTransports));
         }
-        signal(SIGPIPE, SIG_IGN);
-        Listener(*options).run();
+        listener.socketMode = static_cast<mode_t>(std::stoul(options->mode, nullptr, 8));
+        listen(*options);
         status = 0;
     });
 }

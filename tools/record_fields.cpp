@@ -1,105 +1,71 @@
 #include "record_fields.h"
 
-#include <arpa/inet.h>
-#include <modulemsg.h>
-#include <stdio.h>
-#include <string.h>
-
 #include <algorithm>
-#include <string>
 
 namespace Quorvel {
 namespace {
 
-using Json = nlohmann::ordered_json;
+const size_t kEscapeLength = 3;
 
-const uint8_t kModuleLogType = 127;
-const uint8_t kTextCommand = 3;
-
-std::string dottedQuad(uint32_t address) {
-    char text[INET_ADDRSTRLEN];
-    return inet_ntop(AF_INET, &address, text, sizeof(text));
-}
-
-Json moduleFields(const std::string& body) {
-    ModuleInvokeMsg invoke;
-    ReservedData reserved;
-    memcpy(&invoke, body.data(), sizeof(invoke));
-    memcpy(&reserved, body.data() + sizeof(invoke), sizeof(reserved));
-    return {{"uiTime", uint32_t{invoke.uiTime}},
-            {"uiVer", uint32_t{invoke.uiVer}},
-            {"iMid", int32_t{invoke.iMid}},
-            {"iSid", int32_t{invoke.iSid}},
-            {"iInterfaceid", int32_t{invoke.iInterfaceid}},
-            {"uiMip", dottedQuad(invoke.uiMip)},
-            {"uiSip", dottedQuad(invoke.uiSip)},
-            {"iRetVal", int32_t{invoke.iRetVal}},
-            {"iResult", int32_t{invoke.iResult}},
-            {"iDelay", int32_t{invoke.iDelay}},
-            {"iMaxDelay", int32_t{invoke.iMaxDelay}},
-            {"iMinDelay", int32_t{invoke.iMinDelay}},
-            {"fAvgDelay", float{invoke.fAvgDelay}},
-            {"ullCnt", uint64_t{invoke.ullCnt}},
-            {"ullTotalDelay", uint64_t{invoke.ullTotalDelay}},
-            {"uiFip", dottedQuad(invoke.uiFip)},
-            {"iReserved1", int32_t{invoke.iReserved1}},
-            {"ullTotalReqPacketSize", uint64_t{reserved.ullTotalReqPacketSize}},
-            {"ullTotalRspPacketSize", uint64_t{reserved.ullTotalRspPacketSize}}};
-}
-
-// Undoes exactly the escapes that CLogger::encode() makes.
-std::string unescape(const std::string& text) {
-    const std::string escaped("\0\t\n\r%&=", 7);
-    std::string plain;
-    for (size_t i = 0; i < text.size(); ++i) {
-        unsigned int byte = 0;
-        if (text[i] == '%' && sscanf(text.c_str() + i, "%%%2X", &byte) == 1 &&
-            escaped.find(static_cast<char>(byte)) != std::string::npos) {
-            plain += static_cast<char>(byte);
-            i += 2;
-        } else {
-            plain += text[i];
-        }
-    }
-    return plain;
-}
-
-Json pairs(const std::string& body) {
-    Json fields;
-    bool hasPair = false;
-    for (size_t start = 0; start <= body.size();) {
-        const size_t end = std::min(body.find('&', start), body.size());
-        const std::string part = body.substr(start, end - start);
-        const size_t equals = part.find('=');
-        const bool isPair = equals != std::string::npos;
-        const std::string key = isPair ? unescape(part.substr(0, equals)) : "data";
-        if ((!isPair && start > 0) || fields.contains(key)) {
-            return Json();
-        }
-        fields[key] = unescape(isPair ? part.substr(equals + 1) : part);
-        hasPair = hasPair || isPair;
-        start = end + 1;
-    }
-    return hasPair ? fields : Json();
+/// The byte that an escape of CLogger::encode() at the text's start stands for; -1 for no escape.
+int escapedByte(std::string_view text) {
+    static const char* const kEscapes[] = {"%00", "%09", "%0A", "%0D", "%25", "%26", "%3D"};
+    static const char kBytes[] = "\0\t\n\r%&=";
+    const auto* const escape =
+        std::find(std::begin(kEscapes), std::end(kEscapes), text.substr(0, kEscapeLength));
+    return escape == std::end(kEscapes) ? -1 : kBytes[escape - std::begin(kEscapes)];
 }
 
 }  // namespace
 
-Json recordFields(const Request& request) {
-    if (request.logType == kModuleLogType && request.command != kTextCommand &&
-        request.body.size() == sizeof(ModuleInvokeMsg) + sizeof(ReservedData)) {
-        return moduleFields(request.body);
+bool RecordFields::split(std::string_view text) {
+    m_fields.clear();
+    if (text.find('=') == std::string_view::npos) {
+        return false;
     }
-    if (request.command != kTextCommand) {
-        return Json();
+    m_unescaped.clear();
+    m_unescaped.reserve(text.size());  // so that views of it stay good
+    for (size_t start = 0; start <= text.size();) {
+        const size_t end = std::min(text.find('&', start), text.size());
+        const std::string_view part = text.substr(start, end - start);
+        const size_t equals = part.find('=');
+        const bool isPair = equals != std::string_view::npos;
+        if ((!isPair && start > 0) || m_fields.size() == kMaxFields) {
+            return false;
+        }
+        m_fields.emplace_back(isPair ? unescape(part.substr(0, equals)) : "data",
+                              unescape(isPair ? part.substr(equals + 1) : part));
+        start = end + 1;
     }
-    try {
-        Json fields = pairs(request.body);
-        fields.dump();
-        return fields;
-    } catch (const Json::type_error&) {
-        return Json();
+    return !hasKeyTwice();
+}
+
+std::string_view RecordFields::unescape(std::string_view text) {
+    size_t percent = text.find('%');
+    if (percent == std::string_view::npos) {
+        return text;
     }
+    const size_t begin = m_unescaped.size();
+    for (size_t i = 0; i < text.size();) {
+        percent = std::min(text.find('%', i), text.size());
+        m_unescaped += text.substr(i, percent - i);
+        i = percent;
+        if (i < text.size()) {
+            const int byte = escapedByte(text.substr(i));
+            m_unescaped += byte < 0 ? '%' : static_cast<char>(byte);
+            i += byte < 0 ? 1 : kEscapeLength;
+        }
+    }
+    return std::string_view(m_unescaped).substr(begin);
+}
+
+bool RecordFields::hasKeyTwice() {
+    m_keys.clear();
+    for (const auto& [key, value] : m_fields) {
+        m_keys.push_back(key);
+    }
+    std::sort(m_keys.begin(), m_keys.end());
+    return std::adjacent_find(m_keys.begin(), m_keys.end()) != m_keys.end();
 }
 
 }  // namespace Quorvel

@@ -1,17 +1,38 @@
 #ifndef QUORVEL_RECORD_FIELDS_H
 #define QUORVEL_RECORD_FIELDS_H
 
-#include <nlohmann/json.hpp>
+#include <stddef.h>
 
-#include "request_decoder.h"
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace Quorvel {
 
-/// The fields of a body whose form is known: of a binary module record by their names, of a text of
-/// key=value pairs joined by "&" by their keys, with the library's escapes undone; what a
-/// statistics record is about stands under "data". Empty when the body has neither form, or a key
-/// twice, or is not UTF-8.
-nlohmann::ordered_json recordFields(const Request& request);
+/// More fields than this are not split: no application means them.
+const size_t kMaxFields = 65536;
+
+/// The fields of a text of key=value pairs joined by "&", with the library's escapes undone. What a
+/// statistics record is about stands in front, without a key: its key is "data".
+class RecordFields {
+ public:
+    /// @return false when the text has not that form, a key twice or more than kMaxFields fields.
+    bool split(std::string_view text);
+
+    /// The keys and values of the text that was split last, while it and this object last.
+    const std::vector<std::pair<std::string_view, std::string_view>>& get() const {
+        return m_fields;
+    }
+
+ private:
+    std::string_view unescape(std::string_view text);
+    bool hasKeyTwice();
+
+    std::string m_unescaped;  // what the texts that held escapes became
+    std::vector<std::pair<std::string_view, std::string_view>> m_fields;
+    std::vector<std::string_view> m_keys;
+};
 
 }  // namespace Quorvel
 

@@ -1,122 +1,150 @@
 #include "request_decoder.h"
 
+#include <endian.h>
+#include <string.h>
+
+#include <algorithm>
+
 namespace Quorvel {
 namespace {
 
-const size_t kHeaderLength = 16;
-const size_t kNamePrefixLength = 2;
-const size_t kMaxBodyLength = 64 << 20;
-
-uint32_t bigEndian(const char* bytes, size_t size) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < size; ++i) {
-        value = value << 8 | static_cast<uint8_t>(bytes[i]);
+/// The header and the name's length in the host's byte order; zero where bytes are missing.
+struct Prefix {
+    explicit Prefix(std::string_view bytes) {
+        memcpy(&header, bytes.data(), std::min(bytes.size(), kHeaderLength));
+        header.len = be16toh(header.len);
+        header.ver = be16toh(header.ver);
+        header.flag = be16toh(header.flag);
+        header.timestamp = be32toh(header.timestamp);
+        header.reservedInt = be32toh(header.reservedInt);
+        if (bytes.size() >= kPrefixLength) {
+            memcpy(&nameLength, bytes.data() + kHeaderLength, kNamePrefixLength);
+            nameLength = be16toh(nameLength);
+        }
     }
-    return value;
+
+    size_t bodyLength() const {
+        return header.flag == kShortForm ? header.len : header.reservedInt;
+    }
+
+    ApiReqMsgHeader header = {};
+    uint16_t nameLength = 0;
+};
+
+bool isSound(const Prefix& prefix) {
+    const ApiReqMsgHeader& header = prefix.header;
+    return (header.cmd == kTextCommand || header.cmd == kBinaryCommand) &&
+           header.logType >= kLogTypeMark && header.ver == kProtocolVersion &&
+           (header.flag == kShortForm || header.flag == kLongForm) &&
+           prefix.bodyLength() <= kMaxBodyLength &&
+           prefix.bodyLength() >= kNamePrefixLength + prefix.nameLength;
 }
 
-uint32_t command(const char* data) { return bigEndian(data, 1); }
-uint32_t markedLogType(const char* data) { return bigEndian(data + 1, 1); }
-uint32_t version(const char* data) { return bigEndian(data + 4, 2); }
-uint32_t flag(const char* data) { return bigEndian(data + 6, 2); }
-uint32_t timestamp(const char* data) { return bigEndian(data + 8, 4); }
-size_t bodyLength(const char* data) {
-    return flag(data) == 1 ? bigEndian(data + 2, 2) : bigEndian(data + 12, 4);
-}
-size_t requestLength(const char* data) { return kHeaderLength + bodyLength(data); }
-size_t nameLength(const char* data) { return bigEndian(data + kHeaderLength, kNamePrefixLength); }
-
-std::string describeBody(const char* data) {
-    return "body of " + std::to_string(bodyLength(data)) + " bytes";
-}
-
-/// What is wrong with a request as far as its first `length` bytes tell; empty for nothing.
-std::string findFault(const char* data, size_t length) {
-    if (length >= 1 && command(data) != 3 && command(data) != 6) {
-        return "command " + std::to_string(command(data)) + " is neither 3 nor 6";
+std::string describeFault(const Prefix& prefix, size_t length) {
+    const ApiReqMsgHeader& header = prefix.header;
+    const size_t bodyLength = prefix.bodyLength();
+    if (length >= 1 && header.cmd != kTextCommand && header.cmd != kBinaryCommand) {
+        return "command " + std::to_string(header.cmd) + " is neither 3 nor 6";
     }
-    if (length >= 2 && markedLogType(data) < 0x80) {
-        return "log type byte " + std::to_string(markedLogType(data)) + " lacks bit 7";
+    if (length >= 2 && header.logType < kLogTypeMark) {
+        return "log type byte " + std::to_string(header.logType) + " lacks bit 7";
     }
-    if (length >= 6 && version(data) != 2) {
-        return "version " + std::to_string(version(data)) + " is not 2";
+    if (length >= 6 && header.ver != kProtocolVersion) {
+        return "version " + std::to_string(header.ver) + " is not 2";
     }
-    if (length >= 8 && flag(data) != 1 && flag(data) != 9) {
-        return "flag " + std::to_string(flag(data)) + " is neither 1 nor 9";
+    if (length >= 8 && header.flag != kShortForm && header.flag != kLongForm) {
+        return "flag " + std::to_string(header.flag) + " is neither 1 nor 9";
     }
     if (length < kHeaderLength) {
         return {};
     }
-    if (bodyLength(data) > kMaxBodyLength) {
-        return "announced " + describeBody(data) + " is longer than " +
-               std::to_string(kMaxBodyLength);
+    const std::string body = "body of " + std::to_string(bodyLength) + " bytes";
+    if (bodyLength > kMaxBodyLength) {
+        return "announced " + body + " is longer than " + std::to_string(kMaxBodyLength);
     }
-    if (bodyLength(data) < kNamePrefixLength) {
-        return describeBody(data) + " has no room for the name's length";
+    if (bodyLength < kNamePrefixLength) {
+        return body + " has no room for the name's length";
     }
-    if (length >= kHeaderLength + kNamePrefixLength &&
-        nameLength(data) > bodyLength(data) - kNamePrefixLength) {
-        return describeBody(data) + " has no room for a name of " +
-               std::to_string(nameLength(data));
+    if (prefix.nameLength > bodyLength - kNamePrefixLength) {
+        return body + " has no room for a name of " + std::to_string(prefix.nameLength);
     }
     return {};
 }
 
-bool isWhole(const char* data, size_t length) {
-    return length >= kHeaderLength && length >= requestLength(data);
-}
-
-void extract(const char* data, Request& request) {
-    const char* name = data + kHeaderLength + kNamePrefixLength;
-    const char* body = name + nameLength(data);
-    request.command = static_cast<uint8_t>(command(data));
-    request.logType = static_cast<uint8_t>(markedLogType(data) & 0x7F);
-    request.timestamp = timestamp(data);
-    request.application.assign(name, body);
-    request.body.assign(body, data + requestLength(data));
+/// Whether `bytes` begin with a whole request without a fault, which `request` then shows.
+bool takeRequest(std::string_view bytes, RequestView& request) {
+    const Prefix prefix(bytes);
+    const size_t length = kHeaderLength + prefix.bodyLength();
+    if (!isSound(prefix) || bytes.size() < length) {
+        return false;
+    }
+    request.command = prefix.header.cmd;
+    request.logType = prefix.header.logType & ~kLogTypeMark;
+    request.timestamp = prefix.header.timestamp;
+    request.bytes = bytes.substr(0, length);
+    request.application = request.bytes.substr(kPrefixLength, prefix.nameLength);
+    request.body = request.bytes.substr(kPrefixLength + prefix.nameLength);
+    return true;
 }
 
 }  // namespace
 
 void RequestDecoder::feed(const char* data, size_t length) {
-    if (!m_error.empty()) {
-        return;
+    if (m_error.empty()) {
+        m_input = {data, length};
     }
-    // Moving the rest down only when it is the smaller half keeps the cost linear.
-    if (m_begin >= pending()) {
-        m_buffer.erase(0, m_begin);
-        m_begin = 0;
-    }
-    m_buffer.append(data, length);
 }
 
-RequestDecoder::Status RequestDecoder::next(Request& request) {
-    const char* data = m_buffer.data() + m_begin;
-    m_error = findFault(data, pending());
-    if (!m_error.empty()) {
-        return Status::kMalformed;
+RequestDecoder::Status RequestDecoder::next(RequestView& request) {
+    if (m_partialIsTaken) {
+        m_partial = std::string();
+        m_partialIsTaken = false;
     }
-    if (!isWhole(data, pending())) {
-        return Status::kNeedMore;
+    if (!m_partial.empty()) {
+        completePartial();
+        m_partialIsTaken = takeRequest(m_partial, request);
+    } else if (takeRequest(m_input, request)) {
+        m_input.remove_prefix(request.bytes.size());
+        return Status::kRequest;
+    } else {
+        m_partial = m_input;
+        m_input = {};
     }
-    extract(data, request);
-    m_begin += requestLength(data);
-    return Status::kRequest;
+    if (m_partialIsTaken) {
+        return Status::kRequest;
+    }
+    m_error = requestFault(m_partial);
+    return m_error.empty() ? Status::kNeedMore : Status::kMalformed;
 }
 
-bool decodeRequest(const char* data, size_t length, Request& request, std::string& error) {
-    error = findFault(data, length);
-    if (error.empty() && !isWhole(data, length)) {
-        error = "ended inside a request";
+void RequestDecoder::completePartial() {
+    while (!m_input.empty() && requestFault(m_partial).empty() &&
+           m_partial.size() < requestLength(m_partial)) {
+        const size_t missing = requestLength(m_partial) - m_partial.size();
+        m_partial += m_input.substr(0, missing);
+        m_input.remove_prefix(std::min(missing, m_input.size()));
     }
-    if (error.empty() && requestLength(data) != length) {
-        error = std::to_string(length - requestLength(data)) + " bytes follow the request";
-    }
+}
+
+std::string requestFault(std::string_view bytes) {
+    return describeFault(Prefix(bytes), bytes.size());
+}
+
+size_t requestLength(std::string_view bytes) {
+    return kHeaderLength + (bytes.size() < kHeaderLength ? 0 : Prefix(bytes).bodyLength());
+}
+
+bool decodeRequest(std::string_view bytes, RequestView& request, std::string& error) {
+    error = requestFault(bytes);
     if (!error.empty()) {
         return false;
     }
-    extract(data, request);
-    return true;
+    if (!takeRequest(bytes, request)) {
+        error = "ended inside a request";
+    } else if (request.bytes.size() < bytes.size()) {
+        error = std::to_string(bytes.size() - request.bytes.size()) + " bytes follow the request";
+    }
+    return error.empty();
 }
 
 }  // namespace Quorvel

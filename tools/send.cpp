@@ -3,15 +3,22 @@
 #include <time.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "command_line.h"
+#include "deliveries.h"
+#include "line_reader.h"
+#include "pace.h"
+#include "progress_line.h"
+#include "stop_signals.h"
 #include "transport.h"
 #include "verbs.h"
 
@@ -21,76 +28,112 @@ namespace {
 struct SendOptions {
     std::string name;
     std::vector<std::string> texts;
+    std::string binary;
+    bool keepEmpty = false;
     int type = 0;
     std::string transport = transportName(Transport::kUnix);
     std::optional<uint32_t> time;
+    uint64_t repeat = 1;
+    uint64_t rate = 0;  // records a second; 0: as fast as can be
 };
 
-/// Writes base logs and counts what became of them.
+/// Writes base logs at the wanted pace and counts what became of them.
 class Sender {
  public:
     explicit Sender(const SendOptions& options)
-        : m_options(options), m_logger(socketType(options.transport), false) {
+        : m_options(options),
+          m_logger(socketType(options.transport), false),
+          m_pace(options.rate),
+          m_showsProgress(options.rate > 0 || options.repeat > 1) {
         if (m_logger.init(options.name) != QV_ERR_OK) {
             throw std::runtime_error(m_logger.get_errmsg());
         }
     }
 
-    void send(const std::string& text) {
-        const uint32_t now = static_cast<uint32_t>(time(nullptr));
-        const int code = m_logger.write_baselog(static_cast<int8_t>(m_options.type), text, false,
-                                                m_options.time.value_or(now));
-        ++m_records;
-        if (code == QV_ERR_OK) {
-            ++m_accepted;
-        } else if (code == QV_ERR_CONNECT || code == QV_ERR_WRITE) {
-            ++m_turnedOver;
-        } else {
-            std::cerr << "qvctl: record " << m_records << " lost with code " << code << ": "
-                      << m_logger.get_errmsg() << '\n';
+    /// Writes the record as often as wanted, unless a stop is requested.
+    /// @param part how much of the input was sent before it, @param share how much it is itself.
+    void send(std::string_view body, double part, double share) {
+        const auto repeats = static_cast<double>(m_options.repeat);
+        for (uint64_t i = 0; i < m_options.repeat; ++i) {
+            m_pace.await();
+            if (stopRequested()) {
+                return;
+            }
+            const int code = write(body);
+            m_pace.count();
+            if (code != QV_ERR_OK) {
+                m_progress.clear();
+            }
+            m_deliveries.add(code, m_logger.get_errmsg(), m_options.name.size() + body.size());
+            if (m_showsProgress) {
+                m_progress.show(m_deliveries.records(), m_deliveries.bytes(),
+                                part + share * static_cast<double>(i + 1) / repeats);
+            }
         }
     }
 
-    bool allAccepted() const { return m_accepted == m_records; }
-
-    void report() const {
-        std::cout << "accepted: " << m_accepted
-                  << "\nturned over to the fallback file: " << m_turnedOver
-                  << "\nlost: " << m_records - m_accepted - m_turnedOver << std::endl;
+    /// @return the exit status.
+    int report() {
+        m_progress.clear();
+        m_deliveries.report();
+        return m_deliveries.allAccepted() ? 0 : 1;
     }
 
  private:
+    int write(std::string_view body) {
+        const auto now = static_cast<uint32_t>(time(nullptr));
+        const uint32_t timestamp = m_options.time.value_or(now);
+        const auto type = static_cast<int8_t>(m_options.type);
+        const bool isBinary = !m_options.binary.empty();
+        if (isBinary || m_options.keepEmpty) {
+            return m_logger.write_baselog(body.data(), static_cast<unsigned int>(body.size()), type,
+                                          isBinary ? 1 : 0, timestamp);
+        }
+        return m_logger.write_baselog(type, std::string(body), false, timestamp);
+    }
+
     const SendOptions& m_options;
     CLogger m_logger;
-    uint64_t m_records = 0;
-    uint64_t m_accepted = 0;
-    uint64_t m_turnedOver = 0;
+    Pace m_pace;
+    const bool m_showsProgress;
+    ProgressLine m_progress;
+    Deliveries m_deliveries;
 };
 
-void sendLines(std::istream& input, Sender& sender) {
-    for (std::string line; std::getline(input, line);) {
-        sender.send(line);
+std::string contents(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(file)), {});
+    if (!file.is_open() || file.bad()) {
+        throw std::runtime_error("cannot read " + path);
     }
-    if (input.bad()) {
-        throw std::runtime_error("cannot read standard input");
+    return bytes;
+}
+
+void sendLines(const SendOptions& options, Sender& sender) {
+    LineReader reader;
+    for (std::string_view line; reader.next(line);) {
+        if (!line.empty() || options.keepEmpty) {
+            sender.send(line, reader.part(), 0);
+        }
     }
 }
 
 int send(const SendOptions& options) {
+    catchStopSignals();
     Sender sender(options);
-    if (options.texts.empty()) {
-        std::ios::sync_with_stdio(false);
-        sendLines(std::cin, sender);
+    const double share = 1 / static_cast<double>(options.texts.size());
+    for (size_t i = 0; i < options.texts.size(); ++i) {
+        sender.send(options.texts[i], share * static_cast<double>(i), share);
     }
-    for (const std::string& text : options.texts) {
-        sender.send(text);
+    if (!options.binary.empty()) {
+        sender.send(contents(options.binary), 0, 1);
+    } else if (options.texts.empty()) {
+        sendLines(options, sender);
     }
-    sender.report();
-    return sender.allAccepted() ? 0 : 1;
+    return sender.report();
 }
 
 }  // namespace
-
 void addTransportOption(CLI::App& verb, std::string& transport) {
     verb.add_option("--transport", transport, "Way to the agent")
         ->check(CLI::IsMember(
@@ -103,24 +146,34 @@ void addSendVerb(CLI::App& program, int& status) {
     CLI::App* verb = program.add_subcommand(
         "send", "Write base logs through the library and report what became of them.");
     verb->footer(
-        "Reports how many records were accepted (sent, or dropped by sampling), turned over to\n"
-        "the fallback file because the agent could not take them, or lost (with the reason, on\n"
-        "standard error).\n"
+        "Reports how many records were accepted (sent, or dropped by sampling), how many the\n"
+        "fallback file took because the agent could not, as far as its growth tells, and how many\n"
+        "were lost (with the reason). Ctrl-C ends it with the report.\n"
         "An application that is itself called module or stat stands behind --.\n"
+        "Example: qvctl send myapp 'user=7&action=login' --type 5 --repeat 1000 --rate 100\n"
         "Exit status: 0 all accepted, 1 not all accepted or none could be written, 2 wrong usage.");
     verb->add_option("NAME", options->name, "The application's name")
         ->type_name("")
         ->transform(unprotect);
-    verb->add_option("TEXT", options->texts,
-                     "The records; without any, each line of standard input is one")
-        ->type_name("")
-        ->transform(unprotect);
-    verb->add_option("--type", options->type, "Log type")
-        ->check(CLI::Range(0, 110))
-        ->capture_default_str();
+    CLI::Option* const texts =
+        verb->add_option("TEXT", options->texts,
+                         "The records; without any, each line of standard input is one")
+            ->type_name("")
+            ->transform(unprotect);
+    verb->add_option("--binary", options->binary, "Send this file's bytes as one binary record")
+        ->type_name("FILE")
+        ->transform(unprotect)
+        ->excludes(texts);
+    verb->add_flag("--keep-empty", options->keepEmpty,
+                   "Send empty lines and texts, too; empty lines are skipped by default");
+    addNumber(*verb, "--type", options->type, 0, kMaxBaseLogType, "Log type")->default_str("0");
     addTransportOption(*verb, options->transport);
-    verb->add_option("--time", options->time,
-                     "Time stamp in seconds since the epoch; the current time by default");
+    addNumber<uint32_t>(*verb, "--time", options->time, 0, UINT32_MAX,
+                        "Time stamp in seconds since the epoch; the current time by default");
+    addNumber<uint64_t>(*verb, "--repeat", options->repeat, 1, UINT64_MAX,
+                        "Send each record so many times");
+    addNumber<uint64_t>(*verb, "--rate", options->rate, 1, 1000000000,
+                        "Send at most so many records a second");
     addSendModuleVerb(*verb, status);
     addSendStatVerb(*verb, status);
     verb->callback([options, verb, &status] {

@@ -1,28 +1,31 @@
+#include <limits.h>
 #include <qvapi_cpp.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
-#include <iostream>
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "command_line.h"
+#include "deliveries.h"
 #include "transport.h"
 #include "verbs.h"
 
 namespace Quorvel {
 namespace {
 
+const size_t kMaxStatText = 1023;  // where the library cuts a record
 const char* const kKinds[] = {"count", "sum", "min", "max"};
 
 struct StatOptions {
     std::string name;
     std::string data;
-    std::vector<std::string> values;
+    std::map<std::string, int> values;
     int type = 0;
     std::string kind = kKinds[QV_STAT_TYPE_SUM];
     std::string transport = transportName(Transport::kUnix);
@@ -32,14 +35,14 @@ std::map<std::string, int> parse(const std::vector<std::string>& texts) {
     std::map<std::string, int> values;
     for (const std::string& text : texts) {
         const size_t equals = text.find('=');
-        int value = 0;
-        const char* const end = text.data() + text.size();
-        if (equals == std::string::npos ||
-            std::from_chars(text.data() + equals + 1, end, value).ptr != end ||
-            equals + 1 == text.size()) {
-            throw std::runtime_error("not NAME=INTEGER: " + text);
+        if (equals == std::string::npos) {
+            throw CLI::ValidationError("VALUE", text + " is not NAME=INTEGER");
         }
-        values[text.substr(0, equals)] = value;
+        const std::string name = text.substr(0, equals);
+        const int value = parseNumber(name, text.substr(equals + 1), INT_MIN, INT_MAX);
+        if (!values.emplace(name, value).second) {
+            throw CLI::ValidationError("VALUE", name + " is given twice");
+        }
     }
     return values;
 }
@@ -50,35 +53,52 @@ void check(CLogger& logger, int code) {
     }
 }
 
-bool hasQueuedBatch(CLogger& logger) {
+/// The batch in front of an empty one, which makes no record, has been written once the thread has
+/// taken the empty one as well.
+void awaitStatThread(CLogger& logger) {
     pthread_rwlock_wrlock(&logger.m_queue_lock);
-    const bool queued = !logger.m_stat_log_queues.empty();
+    logger.m_stat_log_queues.push({});
     pthread_rwlock_unlock(&logger.m_queue_lock);
-    return queued;
+    for (bool waits = true; waits;) {
+        usleep(10000);
+        pthread_rwlock_rdlock(&logger.m_queue_lock);
+        waits = !logger.m_stat_log_queues.empty();
+        pthread_rwlock_unlock(&logger.m_queue_lock);
+    }
 }
 
-int sendStat(const StatOptions& options) {
-    std::map<std::string, int> values = parse(options.values);
+/// The thread keeps its results to itself; of a failure, the logger's first, the text remains.
+int resultOfRecord(CLogger& logger, const StatOptions& options) {
+    if (logger.get_errmsg().empty()) {
+        return QV_ERR_OK;
+    }
+    return options.transport == transportName(Transport::kUdp) ? QV_ERR_DATAGRAM : QV_ERR_CONNECT;
+}
+
+size_t recordLength(const StatOptions& options) {
+    size_t length = options.data.size();
+    for (const auto& [name, value] : options.values) {
+        length += 1 + name.size() + 1 + std::to_string(value).size();
+    }
+    return std::min(length, kMaxStatText);
+}
+
+int sendStat(StatOptions& options) {
     CLogger logger(socketType(options.transport));
     check(logger, logger.init(options.name));
     // With a size of 0, each call closes the batch of the one before.
     check(logger, logger.set_stat(true, static_cast<int8_t>(options.type), UINT32_MAX, 0));
     const auto now = static_cast<unsigned int>(time(nullptr));
     const int kind = indexOf(kKinds, options.kind);
-    check(logger, logger.write_statlogs(options.data, values, kind, now));
-    // A text that begins with a NUL makes no record. Once its batch is taken, the one before it has
-    // been written.
-    std::map<std::string, int> nothing;
+    Deliveries deliveries;
     for (int i = 0; i < 2; ++i) {
-        check(logger, logger.write_statlogs(std::string(1, '\0'), nothing, kind, now));
+        check(logger, logger.write_statlogs(options.data, options.values, kind, now));
     }
-    while (hasQueuedBatch(logger)) {
-        usleep(10000);
-    }
-    std::cout << "merged and closed: 1 record (the statistics thread does not report what became "
-                 "of it)"
-              << std::endl;
-    return 0;
+    awaitStatThread(logger);
+    deliveries.add(resultOfRecord(logger, options), logger.get_errmsg(),
+                   options.name.size() + recordLength(options));
+    deliveries.report();
+    return deliveries.allAccepted() ? 0 : 1;
 }
 
 }  // namespace
@@ -87,6 +107,10 @@ void addSendStatVerb(CLI::App& send, int& status) {
     const auto options = std::make_shared<StatOptions>();
     CLI::App* verb = send.add_subcommand(
         "stat", "Merge named values under a text and wait until their record was written.");
+    verb->footer(
+        "Reports what became of the record, as qvctl send does.\n"
+        "Example: qvctl send stat myapp login ok=5 failed=1 --kind count\n"
+        "Exit status: 0 accepted, 1 not accepted, 2 wrong usage.");
     verb->add_option("NAME", options->name, "The application's name")
         ->type_name("")
         ->transform(unprotect)
@@ -95,16 +119,18 @@ void addSendStatVerb(CLI::App& send, int& status) {
         ->type_name("")
         ->transform(unprotect)
         ->required();
-    verb->add_option("VALUE", options->values, "The values, as NAME=INTEGER")
+    const auto parseValues = [options](const std::vector<std::string>& texts) {
+        options->values = parse(texts);
+    };
+    verb->add_option_function<std::vector<std::string>>("VALUE", parseValues,
+                                                        "The values, as NAME=INTEGER")
         ->type_name("")
         ->transform(unprotect)
         ->required();
     verb->add_option("--kind", options->kind, "How values combine")
         ->check(CLI::IsMember(std::vector<std::string>(std::begin(kKinds), std::end(kKinds))))
         ->capture_default_str();
-    verb->add_option("--type", options->type, "Log type")
-        ->check(CLI::Range(0, 110))
-        ->capture_default_str();
+    addNumber(*verb, "--type", options->type, 0, kMaxBaseLogType, "Log type")->default_str("0");
     addTransportOption(*verb, options->transport);
     verb->callback([options, &status] { status = sendStat(*options); });
 }

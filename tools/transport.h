@@ -15,6 +15,8 @@ enum class Transport : int8_t { kUnix = 0, kTcp = 1, kUdp = 2 };
 const Transport kTransports[] = {Transport::kUnix, Transport::kTcp, Transport::kUdp};
 const char* const kTransportNames[] = {"unix", "tcp", "udp"};
 
+const int kMaxBaseLogType = 110;
+
 /// @return where `name` stands in `names`, which has it.
 template <size_t N>
 int indexOf(const char* const (&names)[N], const std::string& name) {

@@ -8,8 +8,12 @@ namespace Quorvel {
 
 /// Each adds its verb to `program`; parsing a command line that names the verb runs it and stores
 /// the program's exit status in `status`. A verb that cannot do its work throws std::exception.
+void addCheckVerb(CLI::App& program, int& status);
 void addListenVerb(CLI::App& program, int& status);
 void addSendVerb(CLI::App& program, int& status);
+void addRatesVerb(CLI::App& program, int& status);
+void addSetupVerb(CLI::App& program, int& status);
+void addSpoolVerb(CLI::App& program, int& status);
 void addSendModuleVerb(CLI::App& send, int& status);
 void addSendStatVerb(CLI::App& send, int& status);
 

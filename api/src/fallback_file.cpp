@@ -4,48 +4,30 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <string.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
-
-#include "descriptor.h"
 #include "fork_safety.h"
-#include "locks.h"
+#include "probes.h"
+#include "standard_streams.h"
 
 namespace Quorvel {
 namespace {
 
-const char* const kFallbackFile = "/data/qvagent/msgdat.dat";
-const off_t kMaxFallbackSize = 1000000000;
-
-// Appends share the lock; a fork excludes them, so that a child inherits no handle of the file, and
-// so does an append under a file-size limit, so that comparing with the limit holds for the write.
-class AppendLock final : public ForkMember {
+// Open files share the lock; a fork excludes them, and so does an append under a file-size limit,
+// so that comparing with the limit holds for the write.
+class OpenFileLock final : public ForkMember {
  public:
-    pthread_rwlock_t lock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+    pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
 
     void lockForFork() override { pthread_rwlock_wrlock(&lock); }
     void unlockAfterFork() override { pthread_rwlock_unlock(&lock); }
-    void renewInChild() override { initWritersFirst(lock); }
+    void renewInChild() override { makeAnew(lock); }
 };
 
-AppendLock appendLock;
+OpenFileLock openFileLock;
 
-__attribute__((constructor)) void enrolAppendLock() { enrol(appendLock, nullptr); }
-
-// Opens without waiting, and nothing but a regular file: not a FIFO's end nor a device.
-int openRegular(int flags, struct stat& status) {
-    const int fd =
-        aboveStandardStreams(open(kFallbackFile, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
-    if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
+__attribute__((constructor)) void enrolOpenFileLock() { enrol(openFileLock, nullptr); }
 
 // The process's limit on the size of files, from which the signal that a refused write sends comes.
 rlim_t fileSizeLimit() {
@@ -54,12 +36,63 @@ rlim_t fileSizeLimit() {
     return limit.rlim_cur;
 }
 
-// Writes the whole record or, where the limit is in the way, nothing. Other processes append
-// between the comparison and the write, so the signal is kept from this thread; one that was
-// pending before is the application's and stays.
-void appendWithinLimit(int fd, const char* data, size_t length, off_t size, rlim_t limit) {
-    if (static_cast<rlim_t>(size) + length > limit) {
-        return;
+// An appending write leaves the position behind its last byte.
+void takeBack(int fd, off_t written) {
+    struct stat status;
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    if (fstat(fd, &status) == 0 && status.st_size == end && ftruncate(fd, end - written) != 0) {
+        // Not reported: nobody could act on it.
+    }
+}
+
+// @return how much was appended, or -1 with errno set.
+ssize_t writeWhole(int fd, const char* data, size_t length) {
+    ssize_t written;
+    do {
+        written = write(fd, data, length);
+    } while (written < 0 && errno == EINTR);
+    if (written >= 0 && static_cast<size_t>(written) < length) {
+        takeBack(fd, written);
+    }
+    return written;
+}
+
+}  // namespace
+
+FallbackFile::FallbackFile(const char* name, int flags)
+    : m_limit((flags & O_APPEND) != 0 ? fileSizeLimit() : RLIM_INFINITY),
+      m_shared(openFileLock.lock, m_limit == RLIM_INFINITY),
+      m_alone(openFileLock.lock, m_limit != RLIM_INFINITY),
+      m_fd(aboveStandardStreams(open(name, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666))) {
+    struct stat status;
+    if (m_fd >= 0 && (fstat(m_fd, &status) != 0 || !S_ISREG(status.st_mode))) {
+        close(m_fd);
+        m_fd = -1;
+    }
+    if (m_fd >= 0) {
+        m_size = status.st_size;
+    }
+}
+
+FallbackFile::~FallbackFile() {
+    if (m_fd >= 0) {
+        close(m_fd);
+    }
+}
+
+void FallbackFile::append(const char* data, size_t length) const {
+    fchmod(m_fd, 0666);
+    const ssize_t written =
+        m_limit == RLIM_INFINITY ? writeWhole(m_fd, data, length) : writeWithinLimit(data, length);
+    QVAPI_PROBE(fallback, static_cast<unsigned int>(length),
+                written == static_cast<ssize_t>(length));
+}
+
+// Other processes append between the comparison and the write, so the signal is kept from this
+// thread; one that was pending before is the application's and stays.
+ssize_t FallbackFile::writeWithinLimit(const char* data, size_t length) const {
+    if (static_cast<rlim_t>(m_size) + length > m_limit) {
+        return -1;
     }
     sigset_t exceeded;
     sigset_t mask;
@@ -68,45 +101,13 @@ void appendWithinLimit(int fd, const char* data, size_t length, off_t size, rlim
     sigaddset(&exceeded, SIGXFSZ);
     pthread_sigmask(SIG_BLOCK, &exceeded, &mask);
     sigpending(&pending);
-    if (write(fd, data, length) < 0 && errno == EFBIG && sigismember(&pending, SIGXFSZ) == 0) {
+    const ssize_t written = writeWhole(m_fd, data, length);
+    if (written < 0 && errno == EFBIG && sigismember(&pending, SIGXFSZ) == 0) {
         const timespec none = {0, 0};
         sigtimedwait(&exceeded, nullptr, &none);
     }
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-}
-
-void appendRecord(int fd, const char* data, size_t length, off_t size, rlim_t limit) {
-    fchmod(fd, 0666);
-    if (limit != RLIM_INFINITY) {
-        appendWithinLimit(fd, data, length, size, limit);
-    } else if (write(fd, data, length) < 0) {
-        // Not reported: nobody could act on it.
-    }
-}
-
-}  // namespace
-
-bool storeInFallbackFile(const char* request, uint32_t length) {
-    const size_t recordLength = sizeof(length) + length;
-    const std::unique_ptr<char[]> record(new char[recordLength]);
-    memcpy(record.get(), &length, sizeof(length));
-    memcpy(record.get() + sizeof(length), request, length);
-
-    const rlim_t limit = fileSizeLimit();
-    const ReadGuard shared(appendLock.lock, limit == RLIM_INFINITY);
-    const WriteGuard alone(appendLock.lock, limit != RLIM_INFINITY);
-    struct stat status = {};
-    int fd = openRegular(O_WRONLY | O_APPEND | O_CREAT, status);
-    if (fd < 0) {
-        // A file that cannot be appended to may still be seen to be full.
-        fd = openRegular(O_RDONLY, status);
-    } else if (status.st_size <= kMaxFallbackSize) {
-        appendRecord(fd, record.get(), recordLength, status.st_size, limit);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    return status.st_size <= kMaxFallbackSize;
+    return written;
 }
 
 }  // namespace Quorvel

@@ -5,7 +5,8 @@
 #include <unistd.h>
 
 #include <mutex>
-#include <new>
+
+#include "locks.h"
 
 namespace Quorvel {
 
@@ -32,10 +33,11 @@ class ForkRegistry {
 
     static void letForkPass() { const std::lock_guard<std::mutex> guard(m_lock); }
 
+    // The handlers count as an operation too: a signal handler may fork while they run.
     static void prepare() {
         const int error = errno;
         ++waitingForks;
-        if (enter()) {
+        if (CallDepth::enter()) {
             m_lock.lock();
             m_forkedByInitialThread = isInitialThread();
             forEach(&ForkMember::lockForFork);
@@ -46,7 +48,7 @@ class ForkRegistry {
     static void parent() {
         const int error = errno;
         --waitingForks;
-        if (leave()) {
+        if (CallDepth::leave()) {
             forEach(&ForkMember::unlockAfterFork);
             m_lock.unlock();
         }
@@ -59,24 +61,12 @@ class ForkRegistry {
         forEach(&ForkMember::renewInChild);
         forgetLostStacks();
         m_initialThreadLives = m_forkedByInitialThread;
-        new (&m_lock) std::mutex;
-        leave();
+        makeAnew(m_lock);
+        CallDepth::leave();
         errno = error;
     }
 
  private:
-    // The handlers count as an operation too: a signal handler may fork while they run.
-    static bool enter() {
-        const bool outermost = callDepth++ == 0;
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        return outermost;
-    }
-
-    static bool leave() {
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        return --callDepth == 0;
-    }
-
     static void forEach(void (ForkMember::*operation)()) {
         for (ForkMember* member = m_newest; member != nullptr; member = member->m_next) {
             (member->*operation)();

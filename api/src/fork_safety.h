@@ -11,7 +11,23 @@ namespace Quorvel {
 /// How many operations of the library are open on this thread. A fork that finds any was made by a
 /// signal handler that interrupted one of them, and must not wait for a lock that its own thread
 /// may hold: read-write locks cannot be asked.
-inline thread_local int callDepth __attribute__((tls_model("initial-exec"))) = 0;
+class CallDepth {
+ public:
+    /// @return whether no operation was open.
+    static bool enter() {
+        const bool outermost = m_depth++ == 0;
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        return outermost;
+    }
+    /// @return whether none is open any more.
+    static bool leave() {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        return --m_depth == 0;
+    }
+
+ private:
+    static inline thread_local int m_depth __attribute__((tls_model("initial-exec"))) = 0;
+};
 
 /// Forks that wait for the calls in flight.
 inline std::atomic<int> waitingForks{0};
@@ -19,21 +35,18 @@ inline std::atomic<int> waitingForks{0};
 /// Returns when the fork that waits is done.
 void letForkPass();
 
-/// Open from the first line of every public operation that takes a lock or calls libc to its last.
-/// A call that begins while a fork waits lets it go first: locks that are not first come, first
-/// served would let calls pass the fork again and again.
+/// Stands around all that a public operation does with a lock, with memory or with libc. It counts
+/// the operation for forks, lets a waiting fork go first, since calls that follow each other could
+/// keep it waiting for ever, and leaves errno as it was.
 class CallScope {
  public:
     CallScope() : m_errno(errno) {
-        const bool outermost = callDepth++ == 0;
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        if (outermost && waitingForks.load(std::memory_order_relaxed) != 0) {
+        if (CallDepth::enter() && waitingForks.load(std::memory_order_relaxed) != 0) {
             letForkPass();
         }
     }
     ~CallScope() {
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        --callDepth;
+        CallDepth::leave();
         errno = m_errno;
     }
     CallScope(const CallScope&) = delete;

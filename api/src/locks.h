@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <mutex>
+#include <new>
 
 namespace Quorvel {
 
@@ -32,20 +33,33 @@ class RwGuard {
 using ReadGuard = RwGuard<pthread_rwlock_rdlock>;
 using WriteGuard = RwGuard<pthread_rwlock_wrlock>;
 
-/// Makes a read-write lock that a stream of readers cannot keep a writer, and so a fork, from.
-inline void initWritersFirst(pthread_rwlock_t& lock) {
-    pthread_rwlockattr_t attributes;
-    pthread_rwlockattr_init(&attributes);
-    pthread_rwlockattr_setkind_np(&attributes, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-    pthread_rwlock_init(&lock, &attributes);
-    pthread_rwlockattr_destroy(&attributes);
-}
+/// Keeps pthread_cancel(3) off a scope: what it opens it must be able to close.
+class Uncancelled {
+ public:
+    Uncancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
+    ~Uncancelled() { pthread_setcancelstate(m_before, nullptr); }
+    Uncancelled(const Uncancelled&) = delete;
+    Uncancelled& operator=(const Uncancelled&) = delete;
+
+ private:
+    int m_before = PTHREAD_CANCEL_ENABLE;
+};
 
 /// Holds a mutex for a scope when `needed` is true.
-inline std::unique_lock<std::mutex> lockIf(bool needed, std::mutex& mutex) {
-    return needed ? std::unique_lock<std::mutex>(mutex)
-                  : std::unique_lock<std::mutex>(mutex, std::defer_lock);
+template <typename Mutex>
+std::unique_lock<Mutex> lockIf(bool needed, Mutex& mutex) {
+    return needed ? std::unique_lock<Mutex>(mutex)
+                  : std::unique_lock<Mutex>(mutex, std::defer_lock);
 }
+
+/// Makes a lock or condition as new in a forked child: it is never released or destroyed there,
+/// since it may know threads that the child does not have.
+template <typename Lock>
+void makeAnew(Lock& lock) {
+    new (&lock) Lock;
+}
+inline void makeAnew(std::mutex& lock) { pthread_mutex_init(lock.native_handle(), nullptr); }
+inline void makeAnew(pthread_rwlock_t& lock) { pthread_rwlock_init(&lock, nullptr); }
 
 }  // namespace Quorvel
 

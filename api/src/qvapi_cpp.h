@@ -10,6 +10,7 @@
 #include <queue>
 #include <string>
 
+#include "qvapi_abi.h"
 #include "qvapi_errno.h"
 
 /// The statistics threads' start routine; `arg` is the CLogger. set_stat() and write_statlogs()
@@ -18,9 +19,9 @@ void* StartStatThreads(void* arg);
 
 namespace Quorvel {
 
-class CallScope;
 class Sampling;
 class SocketClient;
+struct ModuleCall;
 
 /// The ordinary log type.
 const int8_t LT_NORMAL = 0;
@@ -40,7 +41,8 @@ const int QV_STAT_TYPE_MAX = 3;    ///< keeps the larger one
 /// Delivery. A record goes to the agent in one request. On a stream transport that cannot take it,
 /// the request is appended to the fallback file "/data/qvagent/msgdat.dat", as long as that file is
 /// at most 1,000,000,000 bytes long. Whether the append worked is not reported: 7 and 8 say that
-/// the record was turned over to the file, not that the file has it.
+/// the record was turned over to the file, not that the file has it. A full disk loses the record;
+/// the part of it that was written is cut off again, so that the file stays readable.
 ///
 /// How long a call may take is what SocketClient says, plus the fallback append. A call that begins
 /// while another thread forks waits for that fork.
@@ -66,16 +68,19 @@ const int QV_STAT_TYPE_MAX = 3;    ///< keeps the larger one
 ///   returns there, and its first send connects anew, without the back-off of the connection that
 ///   it inherited.
 /// - The open batch and the queue are inherited as they stand, so both processes would write them:
-///   switch statistics on in the workers. No statistics thread exists in the child; the next
-///   closing of a batch starts one.
+///   switch statistics on in the workers. No statistics thread exists in the child; the first
+///   closing of a batch starts one there, for its own logger alone: have one logger for statistics
+///   a process, or call set_stat() on each in the child.
 /// - A fork from a signal handler that interrupted an operation of the library waits for nothing;
 ///   its child may only _exit or exec. Logging from such a handler is not supported.
 /// - The application's own fork handlers (pthread_atfork(3)) must not log.
 /// - vfork, posix_spawn and raw clone run no fork handlers: their children must exec.
 class CLogger {
  public:
-    /// Closed batches of statistics that wait for the statistics thread. Not for applications.
-    std::queue<std::map<std::string, std::map<std::string, int>>> m_stat_log_queues;
+    union {  // ends within the destructor, where errno is kept: its own always releases memory
+        /// Closed batches of statistics that wait for the statistics thread. Not for applications.
+        std::queue<std::map<std::string, std::map<std::string, int>>> m_stat_log_queues;
+    };
     /// Guards m_stat_log_queues. Not for applications.
     pthread_rwlock_t m_queue_lock;
 
@@ -139,9 +144,8 @@ class CLogger {
         __attribute__((format(printf, 4, 5)));
 
     /// A module-invocation record in the binary encoding (172 bytes, see modulemsg.h). Module mode.
-    /// The forms without `mid` report for the module id given to init(), the form without `fip`
-    /// sends 0.0.0.0 and sizes of 0. Under a sampling rate N the record that is sent stands for N
-    /// calls; see set_no_sample() for exemptions.
+    /// Under a sampling rate N the record that is sent stands for N calls; see set_no_sample() for
+    /// exemptions.
     /// @param mid, sid, ifid module id, id of the other party, interface id: 1 and more.
     /// @param fip, mip, sip IPv4 addresses in the forms of inet_addr(3), at most 32 characters; any
     ///   other text is sent as 255.255.255.255. Not changed.
@@ -153,24 +157,28 @@ class CLogger {
     ///   reqLen[%d] rspLen[%d] error"
     /// - 15, after sampling: `mip` or `sip` too long, "write_modulelog: ip addr length invalid"
     /// - 17: SocketClient's text.
-    int write_modulelog(int sid, int ifid, std::string& mip, std::string& sip, int retval,
-                        int result, int delay);
-    int write_modulelog(int sid, int ifid, std::string& fip, std::string& mip, std::string& sip,
-                        int retval, int result, int delay, int reqLen, int rspLen);
     int write_modulelog(int mid, int sid, int ifid, std::string& fip, std::string& mip,
                         std::string& sip, int retval, int result, int delay, int reqLen,
                         int rspLen);
+    /// The same for the module id given to init().
+    int write_modulelog(int sid, int ifid, std::string& fip, std::string& mip, std::string& sip,
+                        int retval, int result, int delay, int reqLen, int rspLen);
+    /// The same with 0.0.0.0 as `fip` and sizes of 0.
+    int write_modulelog(int sid, int ifid, std::string& mip, std::string& sip, int retval,
+                        int result, int delay);
 
     /// The same record as a text of key=value pairs joined by "&", under LT_NORMAL. A rate of 0
     /// counts as 1. Arguments and results as above.
-    int write_modulelog_forIM(int sid, int ifid, std::string& mip, std::string& sip, int retval,
-                              int result, int delay);
-    int write_modulelog_forIM(int sid, int ifid, std::string& fip, std::string& mip,
-                              std::string& sip, int retval, int result, int delay, int reqLen,
-                              int rspLen);
     int write_modulelog_forIM(int mid, int sid, int ifid, std::string& fip, std::string& mip,
                               std::string& sip, int retval, int result, int delay, int reqLen,
                               int rspLen);
+    /// The same for the module id given to init().
+    int write_modulelog_forIM(int sid, int ifid, std::string& fip, std::string& mip,
+                              std::string& sip, int retval, int result, int delay, int reqLen,
+                              int rspLen);
+    /// The same with 0.0.0.0 as `fip` and sizes of 0.
+    int write_modulelog_forIM(int sid, int ifid, std::string& mip, std::string& sip, int retval,
+                              int result, int delay);
 
     /// Switches statistics on or off. Switching on starts one more statistics thread, which writes
     /// one base log a data string for every closed batch: the data string and, in ascending order
@@ -181,15 +189,15 @@ class CLogger {
     /// @param interval age in seconds, @param count number of distinct data strings, at which the
     ///   open batch is closed.
     /// @return 0; 1: "writebaselog: is not init"; pthread_create(3)'s error number: "start
-    ///   statistical thread error" (statistics are on; the next closing tries again).
+    ///   statistical thread error". Statistics are on then; the next closing of a batch starts a
+    ///   thread, unless a thread of another logger runs: it looks for the process's newest thread.
     int set_stat(bool flag, int8_t t, unsigned int interval, unsigned int count);
 
     /// Merges the values of `statistics` into the open batch under the text `data`. Before that, a
     /// batch that is old or large enough is closed and handed to the statistics thread. No timer
     /// closes a batch: one that no further call closes is never written.
-    /// @param statistics is only read. @param stattype one of QV_STAT_TYPE_*; any other value
-    /// enters
-    ///   `data` and combines nothing.
+    /// @param statistics is only read.
+    /// @param stattype one of QV_STAT_TYPE_*; any other value enters `data` and combines nothing.
     /// @param timestamp the current time in seconds since the epoch, from which the batch's age is
     ///   taken, modulo 2^32: an earlier time than the last closing's closes the batch.
     /// @return 0 (with the text "the statistical thread did not exists or already quit" when a
@@ -243,42 +251,54 @@ class CLogger {
  private:
     friend void* ::StartStatThreads(void* arg);
     struct State;
-    struct ModuleCall;
 
-    CLogger(int8_t tmpSocketType, bool isLock, const CallScope& scope);
     int init(std::string logName, bool isModule);
-    void update_errmsg(const char* cErrmsg, ...) __attribute__((format(printf, 2, 3)));
-    int need_sample(int result);
-    int write_modulelog(const ModuleCall& call);
-    int write_modulelog_forIM(const ModuleCall& call);
-    int fip_too_long();
-    int check_module(const ModuleCall& call, int8_t logType, int& rate);
-    int ensure_stat_thread();
-    void end_stat_threads();
-    void close_batch(unsigned int timestamp);
-    bool take_batch(std::map<std::string, std::map<std::string, int>>& batch);
-    void write_batch(const std::map<std::string, std::map<std::string, int>>& batch);
-    void serve_batches();
+
+    // The way of a record: qvapi_cpp.cpp.
+    int look_up_and_write(const char* data, unsigned int len, int8_t logType, int8_t proType,
+                          unsigned int timestamp);
+    int write_formatted(int8_t type, unsigned int timestamp, const char* fmt, va_list arguments);
+    int refuse_baselog(const char* notInitialised, int8_t logType, unsigned int len);
     int comm_write(const char* data, unsigned int len, int8_t logType, int8_t proType,
                    unsigned int tm);
-    int write_formatted(int8_t type, unsigned int timestamp, const char* fmt, va_list arguments)
-        __attribute__((noinline));
-    int write_without_rate(const char* data, unsigned int len, int8_t logType, int8_t proType,
-                           unsigned int timestamp);
-    int refuse_baselog(const char* notInitialised, int8_t logType);
-    int not_sent(const char* request, uint32_t length, int res, const char* failure);
     void frame(char* request, const char* data, unsigned int len, int8_t logType, int8_t proType,
                unsigned int tm) const;
+    int not_sent(const char* request, uint32_t length, int res, const char* failure);
+    bool turn_over(const char* request, uint32_t length);
+    bool need_disaster(char* fileName);
+    int get_filesize(char* filename, unsigned int& size);
+    void write_bin_file(const char* data, unsigned int len, const char* fileName);
+    int failed(int code, int8_t logType, unsigned int len) const;
+    void update_errmsg(const char* cErrmsg, ...) __attribute__((format(printf, 2, 3)));
+
+    // Module-invocation records: module_records.cpp.
+    int need_sample(int result);
+    int write_modulelog(int mid, int sid, int ifid, std::string& mip, std::string& sip, int retval,
+                        int result, int delay, int reservedInt0, int reservedInt1, int reqLen,
+                        int rspLen);
+    int write_modulelog_forIM(int mid, int sid, int ifid, std::string& mip, std::string& sip,
+                              int retval, int result, int delay, int reservedInt0, int reservedInt1,
+                              int reqLen, int rspLen);
+    bool fip_fits(const std::string& fip);
+    int check_module(const ModuleCall& call, int8_t logType, int& rate);
+
+    // Statistics: statistics.cpp.
+    int ensure_stat_thread();
+    void close_batch(unsigned int timestamp);
+    void end_stat_threads();
+    void serve_batches();
+    bool take_batch(std::map<std::string, std::map<std::string, int>>& batch);
+    void write_batch(const std::map<std::string, std::map<std::string, int>>& batch);
 
     SocketClient* m_pSocketClient;
     Sampling* m_pSampling;
     pthread_rwlock_t m_errMsgrwlock;
     std::string m_appname;
     std::string m_errmsg;
-    int m_rspMsgLen;
+    int m_rspMsgLen;  // never read: keeps the layout
     int m_reqMsgHdrLen;
-    int m_addrLen;
-    bool m_needRsp;
+    int m_addrLen;   // never used: keeps the layout
+    bool m_needRsp;  // never used: keeps the layout
     int8_t m_socketType;
     int m_iMid;
     bool m_isInit;
@@ -291,7 +311,7 @@ class CLogger {
     uint32_t m_stat_last_time;
     uint32_t m_stat_interval;
     uint32_t m_stat_count;
-    std::map<std::string, int> m_cur_stat_log;
+    std::map<std::string, int> m_cur_stat_log;  // never used: keeps the layout
     std::map<std::string, std::map<std::string, int>> m_cur_stat_logs;
     State* m_pState;
 };

@@ -1,20 +1,21 @@
 #include "qvapi_sampling.h"
 
+#include <stddef.h>
 #include <string.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
-#include <memory>
 #include <mutex>
 
 #include "fork_safety.h"
+#include "locks.h"
+#include "probes.h"
 
 namespace Quorvel {
 namespace {
 
 const char* const kMarkerFile = "/data/qvagent/qv_shm_sampling";
-const int kMinSegmentSize = 102800;
 const time_t kRetrySeconds = 60;
 
 enum Status : char { kNotInitialised = -1, kNoTable = 0, kNoSlot = 1, kSlotFound = 2 };
@@ -25,8 +26,6 @@ const uint8_t kDropAll = 255;
 }  // namespace
 
 struct Sampling::State final : ForkMember {
-    /// The rates of the application's slot; null until it is found.
-    std::atomic<const LogTypeItem*> rates{nullptr};
     /// Held by the one thread that attaches or searches.
     std::mutex lookup;
 
@@ -35,7 +34,7 @@ struct Sampling::State final : ForkMember {
 
     void lockForFork() override { lookup.lock(); }
     void unlockAfterFork() override { lookup.unlock(); }
-    void renewInChild() override { new (&lookup) std::mutex; }
+    void renewInChild() override { makeAnew(lookup); }
 };
 
 Sampling::Sampling()
@@ -54,12 +53,14 @@ Sampling::Sampling()
     m_pState = new State(this);
 }
 
+// Leaves nothing to the members' own destruction, which the scope does not cover.
 Sampling::~Sampling() {
     const CallScope scope;
     if (m_shmPtr != nullptr) {
         shmdt(m_shmPtr);
     }
     delete m_pState;
+    std::string().swap(m_appname);
 }
 
 int Sampling::init(std::string& name, int shmKey, int shmSize) {
@@ -85,11 +86,14 @@ int Sampling::getShm(int key, int size) {
     if (address == reinterpret_cast<void*>(-1)) {
         return -1;
     }
-    if (size < kMinSegmentSize) {
+    if (size < kSamplingTableSize) {
         shmdt(address);
         return -1;
     }
-    m_shmPtr = static_cast<AppItem*>(address);
+    const AppItem* const previous = m_shmPtr.exchange(static_cast<AppItem*>(address));
+    if (previous != nullptr) {
+        shmdt(previous);
+    }
     m_minIndex = 0;
     m_maxIndex = size / static_cast<int>(sizeof(AppItem)) - 1;
     m_status = kNoSlot;
@@ -105,16 +109,17 @@ int Sampling::findIndex() {
     for (int i = m_minIndex; i <= m_maxIndex; ++i) {
         const AppItem& slot = table[i];
         if (slot.isUsed == 0) {
+            m_status = kNoSlot;
             return -1;
         }
         if (strnlen(slot.appname, sizeof(slot.appname)) == m_appname.size() &&
             memcmp(slot.appname, m_appname.data(), m_appname.size()) == 0) {
             m_index = i;
             m_status = kSlotFound;
-            m_pState->rates = slot.logTypeItems;
             return 0;
         }
     }
+    m_status = kNoSlot;
     return -2;
 }
 
@@ -138,8 +143,22 @@ int Sampling::tryGetIndex() {
 }
 
 const uint8_t* Sampling::knownRate(int8_t logType) const {
-    const LogTypeItem* const rates = m_pState->rates.load(std::memory_order_acquire);
-    return rates != nullptr ? &rates[logType].sampling : nullptr;
+    if (m_status.load(std::memory_order_acquire) != kSlotFound) {
+        return nullptr;
+    }
+    const AppItem* const table = m_shmPtr.load(std::memory_order_relaxed);
+    const int index = m_index.load(std::memory_order_relaxed);
+    if (table == nullptr || index == -1) {
+        return nullptr;
+    }
+    // Kept from working out both offsets at once, which would cost a dropped record registers.
+    const int slotSize = sizeof(AppItem);
+    const char* slot =
+        reinterpret_cast<const char*>(table) + static_cast<uint32_t>(index * slotSize);
+    __asm__("" : "+r"(slot));
+    const int item =
+        offsetof(AppItem, logTypeItems) + static_cast<uint8_t>(logType) * sizeof(LogTypeItem);
+    return reinterpret_cast<const uint8_t*>(slot + item);
 }
 
 uint8_t Sampling::getSampling(int8_t logType) {
@@ -154,16 +173,36 @@ uint8_t Sampling::getSampling(int8_t logType) {
     return kKeepAll;
 }
 
-bool Sampling::filters(uint8_t rate) {
-    if (rate <= kKeepAll) {
-        return false;
+// Small enough for its caller to keep a whole call's arguments in registers.
+Sampling::Decision Sampling::decide(int8_t logType) {
+    const uint8_t* const known = knownRate(logType);
+    if (known == nullptr) {
+        return Decision::kLookUp;
     }
+    const uint8_t rate = __atomic_load_n(known, __ATOMIC_RELAXED);
     if (rate == kDropAll) {
-        return true;
+        QVAPI_PROBE(sampled_out, m_appname.c_str(), int{logType}, int{kDropAll});
+        return Decision::kDrop;
     }
-    return (m_count.fetch_add(1, std::memory_order_relaxed) + 1) % rate != 0;
+    return rate <= kKeepAll ? Decision::kKeep : Decision::kLookUp;
 }
 
-bool Sampling::needFilter(int8_t logType) { return filters(getSampling(logType)); }
+bool Sampling::lookUp(int8_t logType) {
+    const uint8_t rate = getSampling(logType);
+    if (rate <= kKeepAll ||
+        (rate != kDropAll && (m_count.fetch_add(1, std::memory_order_relaxed) + 1) % rate == 0)) {
+        return false;
+    }
+    QVAPI_PROBE(sampled_out, m_appname.c_str(), int{logType}, int{rate});
+    return true;
+}
+
+bool Sampling::needFilter(int8_t logType) {
+    if (logType < 0) {
+        return false;
+    }
+    const Decision decision = decide(logType);
+    return decision == Decision::kLookUp ? lookUp(logType) : decision == Decision::kDrop;
+}
 
 }  // namespace Quorvel

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <string>
 
+#include "qvapi_abi.h"
+
 namespace Quorvel {
 
 /// One log type's entry in a slot of the shared table. Packed: `count` is unaligned.
@@ -19,13 +21,17 @@ struct __attribute__((packed)) LogTypeItem {
 /// One application's slot of the shared table. The agent writes it, this library only reads it.
 /// All integers are in the host's byte order.
 struct AppItem {
-    char isUsed;  ///< non-zero: in use. Slots in use form a prefix of the table.
-    char reserved[3];
+    char isUsed;                    ///< non-zero: in use. Slots in use form a prefix of the table.
+    char reserved[3];               ///< nothing
     char appname[256];              ///< NUL-terminated unless all 256 bytes are the name
     LogTypeItem logTypeItems[128];  ///< entry t holds the rate of log type t
 };
 
-static_assert(sizeof(LogTypeItem) == 6 && sizeof(AppItem) == 1028, "shared with the agent");
+/// Size of the shared table in bytes: 100 slots.
+const int kSamplingTableSize = 100 * static_cast<int>(sizeof(AppItem));
+
+static_assert(sizeof(LogTypeItem) == 6 && sizeof(AppItem) == 1028 && kSamplingTableSize == 102800,
+              "shared with the agent");
 
 /// Reader of the sampling rates that the agent publishes in a System V shared-memory segment
 /// (shmget(2)). While the table or the application's slot cannot be found every record is kept, and
@@ -64,25 +70,30 @@ class Sampling {
  private:
     friend class CLogger;
     struct State;
+    enum class Decision { kKeep, kDrop, kLookUp };
 
     int getShm(int key, int size);
     int findIndex();
     int tryGetIndex();
     int retryLookup();
+    uint8_t getSampling(int8_t logType);
     /// Where the rate of `logType`, 0 and more, is to be read; null while no slot is known.
     const uint8_t* knownRate(int8_t logType) const;
-    uint8_t getSampling(int8_t logType);
-    bool filters(uint8_t rate);
+    /// What the rate alone says about one record of `logType`, 0 and more; kLookUp where the calls
+    /// are counted or no slot is known.
+    Decision decide(int8_t logType);
+    /// needFilter() for kLookUp.
+    bool lookUp(int8_t logType);
 
     std::atomic<uint32_t> m_count;
-    AppItem* m_shmPtr;
+    std::atomic<AppItem*> m_shmPtr;
     int m_shmID;
-    char m_status;
+    std::atomic<char> m_status;
     int m_key;
     int m_size;
     int m_minIndex;
     int m_maxIndex;
-    int m_index;
+    std::atomic<int> m_index;
     std::atomic<time_t> m_lastGetTime;
     std::string m_appname;
     State* m_pState;

@@ -1,6 +1,7 @@
 #include "socket_client.h"
 
 #include <arpa/inet.h>
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdarg.h>
@@ -11,14 +12,15 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <mutex>
 
-#include "descriptor.h"
 #include "error_text.h"
+#include "fair_mutex.h"
 #include "fork_safety.h"
 #include "locks.h"
+#include "probes.h"
 #include "qvapi_errno.h"
+#include "standard_streams.h"
 
 namespace Quorvel {
 namespace {
@@ -41,7 +43,7 @@ class DescriptorLock final : public ForkMember {
 
     void lockForFork() override { mutex.lock(); }
     void unlockAfterFork() override { mutex.unlock(); }
-    void renewInChild() override { new (&mutex) std::mutex; }
+    void renewInChild() override { makeAnew(mutex); }
 };
 
 DescriptorLock descriptorLock;
@@ -51,7 +53,10 @@ __attribute__((constructor)) void enrolDescriptorLock() { enrol(descriptorLock, 
 }  // namespace
 
 struct SocketClient::State final : ForkMember {
-    explicit State(SocketClient& owner) : client(owner) { enrol(*this, &owner); }
+    explicit State(SocketClient& owner)
+        : client(owner), errorText(owner.m_strErrmsg, owner.m_errMsgrwlock, owner.m_bNeedLock) {
+        enrol(*this, &owner);
+    }
     ~State() { withdraw(*this); }
 
     void lockForFork() override;
@@ -61,11 +66,10 @@ struct SocketClient::State final : ForkMember {
     SocketClient& client;
     /// Taken before m_connLock, which is taken before m_errMsgrwlock. Held for a whole stream
     /// write and for the closing that a failed one leads to.
-    std::mutex sendLock;
+    FairMutex sendLock;
+    ErrorText errorText;
     /// The descriptor that a forked child must close, also while it is still being connected.
     std::atomic<int> openFd{-1};
-    /// Connections and attempts given up so far; of a stream, changed under sendLock.
-    std::atomic<unsigned> failures{0};
     /// Whether the locks exist, and whether a fork took them: init() may run on another thread.
     std::atomic<bool> locksExist{false};
     bool lockedForFork = false;
@@ -76,13 +80,13 @@ void SocketClient::State::lockForFork() {
     if (lockedForFork) {
         sendLock.lock();
         pthread_rwlock_wrlock(&client.m_connLock);
-        pthread_rwlock_wrlock(&client.m_errMsgrwlock);
+        errorText.lockForFork();
     }
 }
 
 void SocketClient::State::unlockAfterFork() {
     if (lockedForFork) {
-        pthread_rwlock_unlock(&client.m_errMsgrwlock);
+        errorText.unlockAfterFork();
         pthread_rwlock_unlock(&client.m_connLock);
         sendLock.unlock();
     }
@@ -97,9 +101,9 @@ void SocketClient::State::renewInChild() {
         client.m_iLastConnTime = 0;
     }
     if (locksExist) {
-        new (&sendLock) std::mutex;
-        initWritersFirst(client.m_connLock);
-        initWritersFirst(client.m_errMsgrwlock);
+        makeAnew(sendLock);
+        makeAnew(client.m_connLock);
+        errorText.renewInChild();
     }
 }
 
@@ -116,12 +120,13 @@ SocketClient::SocketClient()
       m_noAgent(false),
       m_pState(nullptr) {
     const CallScope scope;
-    m_strErrmsg.reserve(kErrorTextSize);
     m_pState = new State(*this);
 }
 
+// Leaves nothing to the members' own destruction, which the scope does not cover.
 SocketClient::~SocketClient() {
     const CallScope scope;
+    const Uncancelled uncancelled;
     if (m_bConnected) {
         disconnect(m_iFd);
     }
@@ -130,6 +135,7 @@ SocketClient::~SocketClient() {
         pthread_rwlock_destroy(&m_connLock);
         pthread_rwlock_destroy(&m_errMsgrwlock);
     }
+    std::string().swap(m_strErrmsg);
 }
 
 int SocketClient::init(int8_t sockType, bool isLock) {
@@ -148,8 +154,8 @@ int SocketClient::init(int8_t sockType, bool isLock) {
     m_iFd = -1;
     m_bConnected = false;
     if (isLock) {
-        initWritersFirst(m_errMsgrwlock);
-        initWritersFirst(m_connLock);
+        pthread_rwlock_init(&m_errMsgrwlock, nullptr);
+        pthread_rwlock_init(&m_connLock, nullptr);
         m_pState->locksExist = true;
     }
     m_bNeedLock = isLock;
@@ -168,34 +174,25 @@ int SocketClient::sendWithoutRecv(char* buff, int length, bool lock) {
         update_errmsg("sendWithoutRecv buff length %d", length);
         return QV_ERR_BUFFER_LENGTH;
     }
-    return deliver(buff, length, lock, nullptr);
+    return deliver(buff, length, lock);
 }
 
-int SocketClient::deliver(char* buff, int length, bool lock, char* failure) {
-    return m_cSocketType > 1 ? udp_write(buff, length, failure)
-                             : stream_write(buff, length, lock, failure);
-}
-
-int SocketClient::stream_write(char* buff, int length, bool lock, char* failure) {
-    const unsigned failures = m_pState->failures;
-    const auto turn = lockIf(lock, m_pState->sendLock);
-    // Whoever waited while another's send failed does not try next: its own waiting would come on
-    // top of the waiting that is over.
-    const bool waited = !m_bConnected && failures != m_pState->failures;
-    const int res =
-        waited ? refuse_attempt(back_off_left(time(nullptr))) : connected_write(buff, length, lock);
-    if (res != QV_ERR_OK) {
-        copy_errmsg(failure);
+int SocketClient::deliver(char* buff, int length, bool lock) {
+    if (m_cSocketType > 1) {
+        return udp_write(buff, length);
     }
-    return res;
-}
-
-int SocketClient::connected_write(char* buff, int length, bool lock) {
+    const auto turn = lockIf(lock, m_pState->sendLock);
     const int fd = m_bConnected ? m_iFd : conn(lock);
     if (fd < 0) {
         return QV_ERR_CONNECT;
     }
-    const int res = tcp_write(fd, buff, length);
+    int res = 0;
+    try {
+        res = tcp_write(fd, buff, length);
+    } catch (const abi::__forced_unwind&) {  // the thread is being cancelled
+        disconnect(fd);
+        throw;
+    }
     if (res == length) {
         return QV_ERR_OK;
     }
@@ -204,20 +201,55 @@ int SocketClient::connected_write(char* buff, int length, bool lock) {
     return QV_ERR_WRITE;
 }
 
+int SocketClient::tcp_write(int fd, char* buff, int length) {
+    if (buff == nullptr || length < 0 || fd < 0) {
+        return -1;
+    }
+    int left = length;
+    while (left > 0) {
+        const ssize_t res = send(fd, buff + (length - left), left, MSG_NOSIGNAL);
+        if (res < 0) {
+            m_bConnected = false;
+            break;
+        }
+        left -= static_cast<int>(res);
+    }
+    return length - left;
+}
+
 [[gnu::cold, gnu::noinline]] int SocketClient::conn(bool lock) {
-    const WriteGuard guard(m_connLock, lock);
-    if (!needRetry()) {
-        return -1;
+    struct Unlock {
+        SocketClient& client;
+        const bool lock;
+        ~Unlock() { client.unLock(lock); }
+    };
+    const Uncancelled uncancelled;
+    {
+        rdLock(lock);
+        const Unlock unlock{*this, lock};
+        if (m_bConnected) {
+            return m_iFd;
+        }
     }
+    wrLock(lock);
+    const Unlock unlock{*this, lock};
+    if (m_bConnected) {
+        return m_iFd;
+    }
+    return needRetry() ? establish() : -1;
+}
+
+int SocketClient::establish() {
     const int fd = real_conn();
-    if (fd < 0) {
-        return -1;
+    const int blocks = fd > 0 ? set_block(fd) : 0;
+    QVAPI_PROBE(connect, m_cSocketType, fd > 0 && blocks == 0 ? 0 : -1);
+    if (fd <= 0) {
+        return fd;
     }
-    const int res = set_block(fd);
-    if (res != 0) {
-        update_errmsg("setblock error:%d", res);
+    if (blocks != 0) {
+        update_errmsg("setblock error:%d", blocks);
         disconnect(fd);
-        return -1;
+        return blocks;
     }
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kReceiveTimeout, sizeof(kReceiveTimeout));
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
@@ -225,21 +257,11 @@ int SocketClient::connected_write(char* buff, int length, bool lock) {
     return fd;
 }
 
-int64_t SocketClient::back_off_left(time_t now) const {
-    return m_iLastConnTime + kBackOffSeconds - static_cast<int64_t>(now);
-}
-
-int SocketClient::refuse_attempt(int64_t seconds) {
-    update_errmsg("return directly and will retry after [%d] seconds",
-                  static_cast<int>(std::max<int64_t>(seconds, 0)));
-    return QV_ERR_CONNECT;
-}
-
 bool SocketClient::needRetry() {
     const time_t now = time(nullptr);
-    const int64_t left = back_off_left(now);
+    const int64_t left = m_iLastConnTime + kBackOffSeconds - static_cast<int64_t>(now);
     if (left > 0) {
-        refuse_attempt(left);
+        update_errmsg("return directly and will retry after [%d] seconds", static_cast<int>(left));
         return false;
     }
     m_iLastConnTime = static_cast<uint32_t>(now);
@@ -256,13 +278,16 @@ int SocketClient::real_conn() {
     const int res = set_non_block(fd);
     if (res != 0) {
         update_errmsg("setnonblock error:%d", res);
-    } else if (start_connect(fd, local)) {
-        m_iFd = fd;
-        m_bConnected = true;
-        return fd;
+        disconnect(fd);
+        return res;
     }
-    disconnect(fd);
-    return -1;
+    if (!start_connect(fd, local)) {
+        disconnect(fd);
+        return -1;
+    }
+    m_iFd = fd;
+    m_bConnected = true;
+    return fd;
 }
 
 bool SocketClient::start_connect(int fd, bool local) {
@@ -316,49 +341,28 @@ int SocketClient::set_block(int fd) {
     return flags < 0 ? -1 : fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
 }
 
-int SocketClient::tcp_write(int fd, char* buff, int length) {
-    int left = length;
-    while (left > 0) {
-        const ssize_t res = send(fd, buff + (length - left), left, MSG_NOSIGNAL);
-        if (res <= 0) {
-            break;
-        }
-        left -= static_cast<int>(res);
+int SocketClient::udp_write(char* buff, int length) {
+    if (m_noAgent) {
+        return QV_ERR_DATAGRAM;
     }
-    return length - left;
-}
-
-int SocketClient::udp_write(char* buff, int length, char* failure) {
-    if (!m_noAgent && (m_bConnected || udp_open()) &&
-        send(m_iFd, buff, length, MSG_NOSIGNAL) == length) {
+    if ((m_bConnected || udp_open()) && send(m_iFd, buff, length, MSG_NOSIGNAL) == length) {
         return QV_ERR_OK;
     }
-    return udp_failed(failure);
-}
-
-[[gnu::cold, gnu::noinline]] int SocketClient::udp_failed(char* failure) {
-    const int error = errno;
-    const auto turn = lockIf(m_bNeedLock, m_pState->sendLock);
-    if (!m_noAgent) {
-        errno = error;
-        update_errmsg("send udp message failed error[%d] errmsg[%m]", error);
-    }
-    copy_errmsg(failure);
-    return QV_ERR_DATAGRAM;
+    return udp_failed();
 }
 
 [[gnu::cold, gnu::noinline]] bool SocketClient::udp_open() {
+    const Uncancelled uncancelled;
     const auto turn = lockIf(m_bNeedLock, m_pState->sendLock);
     if (m_bConnected) {
         return true;
     }
     const int fd = open_socket(AF_INET, SOCK_DGRAM);
-    if (fd < 0) {
-        return false;
-    }
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&m_serverAddr_in), sizeof(m_serverAddr_in)) !=
-            0 ||
-        set_non_block(fd) != 0) {
+    const auto* const address = reinterpret_cast<const sockaddr*>(&m_serverAddr_in);
+    const bool connected =
+        fd >= 0 && connect(fd, address, sizeof(m_serverAddr_in)) == 0 && set_non_block(fd) == 0;
+    QVAPI_PROBE(connect, m_cSocketType, connected ? 0 : -1);
+    if (!connected) {
         const int error = errno;
         disconnect(fd);
         errno = error;
@@ -367,6 +371,11 @@ int SocketClient::udp_write(char* buff, int length, char* failure) {
     m_iFd = fd;
     m_bConnected = true;
     return true;
+}
+
+[[gnu::cold, gnu::noinline]] int SocketClient::udp_failed() {
+    update_errmsg("send udp message failed error[%d] errmsg[%m]", errno);
+    return QV_ERR_DATAGRAM;
 }
 
 int SocketClient::open_socket(int family, int type) {
@@ -379,9 +388,12 @@ int SocketClient::open_socket(int family, int type) {
 // Forgets the descriptor before it closes it: a child forked from a signal handler in between keeps
 // a socket too many, and never closes a file that has taken the number.
 [[gnu::cold, gnu::noinline]] void SocketClient::disconnect(int fd) {
+    if (fd <= 0) {
+        return;
+    }
+    const Uncancelled uncancelled;
     const std::lock_guard<std::mutex> guard(descriptorLock.mutex);
     m_bConnected = false;
-    ++m_pState->failures;
     m_pState->openFd = -1;
     close(fd);
 }
@@ -389,21 +401,33 @@ int SocketClient::open_socket(int family, int type) {
 [[gnu::cold, gnu::noinline]] void SocketClient::update_errmsg(const char* cErrmsg, ...) {
     va_list arguments;
     va_start(arguments, cErrmsg);
-    formatErrorText(m_strErrmsg, m_errMsgrwlock, m_bNeedLock, cErrmsg, arguments);
+    const FormattedText failure(cErrmsg, arguments);
     va_end(arguments);
-}
-
-[[gnu::cold, gnu::noinline]] void SocketClient::copy_errmsg(char* text) {
-    if (text != nullptr) {
-        const ReadGuard guard(m_errMsgrwlock, m_bNeedLock);
-        text[m_strErrmsg.copy(text, kErrorTextSize - 1)] = '\0';
-    }
+    m_pState->errorText.replace(failure.text);
+    CaughtFailure::report(failure);
 }
 
 std::string SocketClient::get_errmsg() {
     const CallScope scope;
-    const ReadGuard guard(m_errMsgrwlock, m_bNeedLock);
-    return m_strErrmsg;
+    return m_pState->errorText.copy();
+}
+
+void SocketClient::rdLock(bool lock) {
+    if (lock) {
+        pthread_rwlock_rdlock(&m_connLock);
+    }
+}
+
+void SocketClient::wrLock(bool lock) {
+    if (lock) {
+        pthread_rwlock_wrlock(&m_connLock);
+    }
+}
+
+void SocketClient::unLock(bool lock) {
+    if (lock) {
+        pthread_rwlock_unlock(&m_connLock);
+    }
 }
 
 }  // namespace Quorvel

@@ -10,6 +10,8 @@
 #include <atomic>
 #include <string>
 
+#include "qvapi_abi.h"
+
 namespace Quorvel {
 
 /// Sends framed requests to the agent on this host and never reads a reply. The endpoints are the
@@ -22,13 +24,21 @@ namespace Quorvel {
 ///
 /// How long a send may take: an attempt to connect waits at most 150 ms; a stream write waits at
 /// most 5 ms (rounded up to the kernel's clock tick) each time that the agent leaves the socket's
-/// buffer of 1 MiB full. With locking, writers on one stream take turns in no fixed order, so a
-/// call also waits for those that get ahead of it; one that waited while another failed gives up at
-/// once. A datagram never waits.
+/// buffer full (1 MiB is asked for; the kernel caps it, see net.core.wmem_max in socket(7)), which
+/// is once for a request that the buffer has room for. With locking, writers on one stream take
+/// turns in the order of their coming: a call waits for the writes of those before it, newcomers
+/// pass it for at most 1.5 ms for each place that it had in the line, and nobody passes once the
+/// first in line saw a turn of 5 ms. With n threads that is at most n times 6.5 ms and a tick.
+/// While one of them connects the others wait for it, once: when it fails, the back-off turns them
+/// all away. What the scheduler takes comes on top. A datagram never waits.
 ///
 /// Thread safety: init() and the destructor need the object to themselves. After init(type, true),
 /// any number of threads may send with `lock` true; otherwise no two operations may overlap. Every
 /// operation leaves errno as it was.
+///
+/// pthread_cancel(3): a send can be cancelled in its write to the agent, not while it waits for its
+/// turn, connects or appends to the fallback file. The connection is closed then, since part of a
+/// request may be on it. Asynchronous cancellation is not supported.
 ///
 /// fork: the child closes what it inherited before fork() returns there, and its first send
 /// connects anew; see CLogger.
@@ -52,9 +62,8 @@ class SocketClient {
     /// - 0: all bytes were handed to the kernel; the text is unchanged.
     /// - 4: `buff` is null: "sendWithoutRecv buff is null".
     /// - 6: `length` is 0 or negative: "sendWithoutRecv buff length %d" (`length`).
-    /// - 7: stream, no connection. While an attempt is not yet allowed, and for a call that waited
-    ///   while another thread's send failed: "return directly and will retry after [%d] seconds"
-    ///   (0: at the next send); otherwise the step of connecting that failed: "create socket
+    /// - 7: stream, no connection. While an attempt is not yet allowed: "return directly and will
+    ///   retry after [%d] seconds"; otherwise the step of connecting that failed: "create socket
     ///   error:%d", "setnonblock error:%d", "connect failed:[%m]", "poll erro,ret:[%d],fd:[%d]",
     ///   "syncConnect connect timeout. %d %m", "1 syncConnect connect timeout. ret[%d] %m",
     ///   "2 syncConnect connect timeout. ret[%d] error[%d] %m", "POLL except error,ret:[%d],
@@ -73,27 +82,26 @@ class SocketClient {
     friend class CLogger;
     struct State;
 
-    /// Sends; on a failure, leaves its text in `failure` unless that is null.
-    int deliver(char* buff, int length, bool lock, char* failure);
-    int stream_write(char* buff, int length, bool lock, char* failure);
-    int connected_write(char* buff, int length, bool lock);
+    /// sendWithoutRecv() within a call that is counted already, of what is known to be sound.
+    int deliver(char* buff, int length, bool lock);
+    int tcp_write(int fd, char* buff, int length);
     int conn(bool lock);
-    int64_t back_off_left(time_t now) const;
-    int refuse_attempt(int64_t seconds);
+    int establish();
     bool needRetry();
     int real_conn();
     bool start_connect(int fd, bool local);
     bool finish_connect(int fd);
     int set_non_block(int fd);
     int set_block(int fd);
-    int tcp_write(int fd, char* buff, int length);
-    int udp_write(char* buff, int length, char* failure);
+    int udp_write(char* buff, int length);
     bool udp_open();
-    int udp_failed(char* failure);
+    int udp_failed();
     int open_socket(int family, int type);
     void disconnect(int fd);
     void update_errmsg(const char* cErrmsg, ...) __attribute__((format(printf, 2, 3)));
-    void copy_errmsg(char* text);
+    void rdLock(bool lock);
+    void wrLock(bool lock);
+    void unLock(bool lock);
 
     int m_iFd;
     int8_t m_cSocketType;
@@ -102,10 +110,10 @@ class SocketClient {
     sockaddr_un m_serverAddr_un;
     sockaddr_in m_serverAddr_in;
     bool m_bNeedLock;
-    pthread_rwlock_t m_connLock;
+    pthread_rwlock_t m_connLock;  // all but forks hold the senders' turn, too
     pthread_rwlock_t m_errMsgrwlock;
     std::string m_strErrmsg;
-    bool m_noAgent;
+    bool m_noAgent;  // never set by the library
     State* m_pState;
 };
 

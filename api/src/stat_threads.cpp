@@ -4,9 +4,8 @@
 #include <signal.h>
 
 #include <memory>
-#include <new>
 
-#include "qvapi_cpp.h"
+#include "locks.h"
 
 namespace {
 
@@ -31,24 +30,50 @@ __attribute__((constructor)) void enrolStatThreads() { enrol(statThreads, nullpt
 
 StatThreads statThreads;
 
-bool StatThreads::gone() const { return statPid == kNoThread || pthread_kill(statPid, 0) == ESRCH; }
+bool StatThreads::gone() {
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return newestIsGone();
+}
+
+int StatThreads::start(Routine routine, void* logger) {
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return startLocked(routine, logger);
+}
+
+int StatThreads::startIfGone(Routine routine, void* logger) {
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return newestIsGone() ? startLocked(routine, logger) : 0;
+}
+
+void StatThreads::join(const void* logger) {
+    while (Thread* const forgotten = forget(logger)) {
+        const std::unique_ptr<Thread> thread(forgotten);
+        if (thread->running) {
+            pthread_join(thread->id, nullptr);
+        }
+    }
+}
 
 void StatThreads::renewInChild() {
-    new (&mutex) std::mutex;
+    makeAnew(m_mutex);
     statPid = kNoThread;
     for (Thread* thread = m_newest; thread != nullptr; thread = thread->older) {
         thread->running = false;
     }
 }
 
+bool StatThreads::newestIsGone() const {
+    return statPid == kNoThread || pthread_kill(statPid, 0) == ESRCH;
+}
+
 // The thread inherits a mask that keeps the application's signal handlers off it.
-int StatThreads::start(CLogger* logger) {
+int StatThreads::startLocked(Routine routine, void* logger) {
     auto thread = std::make_unique<Thread>();
     sigset_t all;
     sigset_t mask;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &mask);
-    const int res = pthread_create(&thread->id, nullptr, StartStatThreads, logger);
+    const int res = pthread_create(&thread->id, nullptr, routine, logger);
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     if (res == 0) {
         statPid = thread->id;
@@ -60,27 +85,22 @@ int StatThreads::start(CLogger* logger) {
     return res;
 }
 
-StatThreads::Thread* StatThreads::forget(const CLogger* logger) {
-    Thread* forgotten = nullptr;
-    bool named = false;
-    for (Thread** link = &m_newest; *link != nullptr;) {
-        Thread* const thread = *link;
-        if (thread->logger != logger) {
-            link = &thread->older;
-            continue;
-        }
-        *link = thread->older;
-        thread->older = forgotten;
-        forgotten = thread;
-        named = named || (thread->running && pthread_equal(thread->id, statPid) != 0);
+// Takes one of the logger's threads off the list. @return null when it has none.
+StatThreads::Thread* StatThreads::forget(const void* logger) {
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    Thread** link = &m_newest;
+    while (*link != nullptr && (*link)->logger != logger) {
+        link = &(*link)->older;
     }
-    if (named) {
-        const Thread* newest = m_newest;
-        while (newest != nullptr && !newest->running) {
-            newest = newest->older;
-        }
-        statPid = newest != nullptr ? newest->id : kNoThread;
+    Thread* const forgotten = *link;
+    if (forgotten != nullptr) {
+        *link = forgotten->older;
     }
+    const Thread* newest = m_newest;
+    while (newest != nullptr && !newest->running) {
+        newest = newest->older;
+    }
+    statPid = newest != nullptr ? newest->id : kNoThread;
     return forgotten;
 }
 

@@ -1,0 +1,56 @@
+#include "qvctl_shell.h"
+
+namespace Quorvel {
+namespace {
+
+TEST(QvctlSetup, MakesAndOpensTheDirectoriesThatServersNeed) {
+    const struct {
+        std::string command, output;
+        unsigned int agentMode, fallbackMode;
+    } rows[] = {
+        {"rm -r /data/*/; qvctl setup --dry-run", "would make /data/qvagent with mode 0777\n", 0,
+         0},
+        {"umask 077; qvctl setup", "make /data/qvagent with mode 0777\n", 0755, 0777},
+        {"chmod 1750 /data/*/; qvctl setup", "from 1750 to 0777\n", 01751, 0777},
+        {"qvctl setup", "/data/qvagent is there with mode 0777\n", 01751, 0777},
+    };
+    for (const auto& row : rows) {
+        run(row.command, 0, row.output);
+        EXPECT_EQ(modeOf("/data/container2host"), row.agentMode) << row.command;
+        EXPECT_EQ(modeOf("/data/qvagent"), row.fallbackMode) << row.command;
+    }
+}
+
+TEST(QvctlCheck, SucceedsOnlyWhereRecordsWouldBeDeliveredAndKept) {
+    const std::string file = "/data/qvagent/msgdat.dat";
+    const struct {
+        std::string endpoints, change;
+        int code;
+        std::string line;
+    } rows[] = {
+        {"", "", 0, "ok      unix /data/container2host/cqv takes connections of this user\n"},
+        {"--tcp --udp", "", 1, "FAILED  unix /data/container2host/cqv: No such file"},
+        {"--unix --udp", "", 1, "FAILED  tcp 127.0.0.1:20005: Connection refused\n"},
+        {"--unix --tcp", "", 1, "FAILED  udp 127.0.0.1:20005 is not served"},
+        {"", "chmod 0 /data/container2host/cqv;", 1, "cqv: Permission denied\n"},
+        {"", "rmdir /data/qvagent;", 1, "FAILED  fallback file " + file + ": No such file"},
+        {"", "chmod 500 /data/qvagent;", 1, "FAILED  fallback file " + file + ": Permission"},
+        {"", "touch " + file + "; chmod 0 " + file + ";", 1, "dat: Permission denied\n"},
+        {"", "ln -s /dev/null " + file + ";", 1, "is not a regular file\n"},
+        {"", "truncate -s 1000000000 " + file + ";", 0, "note    fallback file "},
+        {"", "truncate -s 1000000001 " + file + ";", 1, "bytes, full\n"},
+        {"", "mount -t tmpfs -o size=400k,mode=777 none /data/qvagent;", 1, "FAILED  room on its"},
+        {"", "chmod +t /data/qvagent;", 0, "note    /data/qvagent has the sticky bit"},
+        {"", "", 0, "note    there is no sampling table"},
+        {"", "qvctl rates create;", 0, "ok      sampling table with 0 applications\n"},
+    };
+    for (const auto& row : rows) {
+        run("umount /data/qvagent; ipcrm -M 9777; rm -r /data/*/; qvctl setup");
+        const Listen listen(row.endpoints);
+        const std::string restricted = "setpriv --bounding-set=-dac_override,-ipc_owner ";
+        run(row.change + restricted + "qvctl check", row.code, row.line);
+    }
+}
+
+}  // namespace
+}  // namespace Quorvel

@@ -1,0 +1,245 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent_address.h"
+#include "descriptor.h"
+#include "host_paths.h"
+#include "record_printer.h"
+#include "sampling_table.h"
+#include "verbs.h"
+
+namespace Quorvel {
+namespace {
+
+const int kConnectMilliseconds = 1000;
+const uint64_t kLeastRoom = 1 << 20;
+
+enum class Level { kGood, kNote, kBad };
+
+struct Finding {
+    Level level;
+    std::string what;
+    std::string advice;
+};
+
+/// The error with which this user cannot connect; 0 for none.
+template <typename Address>
+int connectError(int family, const Address& address) {
+    const Descriptor fd(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        return 0;
+    }
+    if (errno != EINPROGRESS) {
+        return errno;
+    }
+    pollfd polled = {fd.get(), POLLOUT, 0};
+    if (poll(&polled, 1, kConnectMilliseconds) == 0) {
+        return ETIMEDOUT;
+    }
+    int error = 0;
+    socklen_t size = sizeof(error);
+    getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+    return error;
+}
+
+std::string adviceToConnect(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return "run \"qvctl setup\" where its directory is missing, and start the agent "
+                   "(\"qvctl listen\" stands in for it)";
+        case EACCES:
+            return "\"qvctl setup\" opens the directories; the socket needs mode 0666";
+        case EAGAIN:
+        case ETIMEDOUT:
+            return "the agent accepts no connections: look whether it hangs";
+        default:
+            return "start the agent (\"qvctl listen\" stands in for it)";
+    }
+}
+
+Finding checkStream(const std::string& name, int error) {
+    if (error == 0) {
+        return {Level::kGood, name + " takes connections of this user", ""};
+    }
+    return {Level::kBad, name + ": " + strerror(error), adviceToConnect(error)};
+}
+
+/// Whether a process receives what is sent to the agent's UDP port. Only sending could show it
+/// otherwise, and what is no record would be an error to the agent.
+bool isUdpServed() {
+    const std::vector<std::string> addresses = {"00000000", "0100007F", std::string(32, '0'),
+                                                "0000000000000000FFFF00000100007F"};
+    char port[sizeof(":FFFF")];
+    snprintf(port, sizeof(port), ":%04X", unsigned{kAgentPort});
+    for (const char* const path : {"/proc/net/udp", "/proc/net/udp6"}) {
+        std::ifstream table(path);
+        const auto rest = std::numeric_limits<std::streamsize>::max();
+        for (std::string number, local; table >> number >> local; table.ignore(rest, '\n')) {
+            if (std::any_of(addresses.begin(), addresses.end(),
+                            [&](const std::string& address) { return local == address + port; })) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+Finding checkUdp() {
+    const std::string name = "udp 127.0.0.1:" + std::to_string(kAgentPort);
+    return isUdpServed() ? Finding{Level::kGood, name + " is served", ""}
+                         : Finding{Level::kBad, name + " is not served: its records would be lost",
+                                   adviceToConnect(ECONNREFUSED)};
+}
+
+/// The error with which this user cannot append to the fallback file; 0 for none. The file is
+/// opened as applications do it when it is there, and not made when it is not.
+int appendError() {
+    if (access(kFallbackFile, F_OK) != 0) {
+        return faccessat(AT_FDCWD, kFallbackDirectory, W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
+    }
+    const Descriptor file(open(
+        kFallbackFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+    return file.get() >= 0 ? 0 : errno;
+}
+
+Finding checkFallback() {
+    const std::string name = std::string("fallback file ") + kFallbackFile;
+    const int error = appendError();
+    if (error != 0) {
+        return {Level::kBad, name + ": " + strerror(error),
+                "\"qvctl setup\" makes the directory and opens it; the file needs mode 0666"};
+    }
+    struct stat status {};
+    if (stat(kFallbackFile, &status) == 0 && !S_ISREG(status.st_mode)) {
+        return {Level::kBad, name + " is not a regular file", "remove what stands there"};
+    }
+    const auto size = static_cast<uint64_t>(status.st_size);
+    const std::string fill =
+        name + ": " + std::to_string(size) + " of " + std::to_string(kMaxFallbackSize) + " bytes";
+    if (size > kMaxFallbackSize) {
+        return {Level::kBad, fill + ", full", "\"qvctl spool replay\" sends its records"};
+    }
+    if (size > 0) {
+        return {Level::kNote, fill + ", not yet sent", "\"qvctl spool replay\" sends them"};
+    }
+    return {Level::kGood, fill + ", writable for this user", ""};
+}
+
+std::optional<Finding> checkStickyBit() {
+    struct stat status {};
+    if (stat(kFallbackDirectory, &status) != 0 || (status.st_mode & S_ISVTX) == 0) {
+        return std::nullopt;
+    }
+    return Finding{Level::kNote,
+                   std::string(kFallbackDirectory) +
+                       " has the sticky bit: the file of one user may be closed to others",
+                   "\"qvctl setup\" takes it away"};
+}
+
+std::optional<Finding> checkRoom() {
+    struct statvfs disk {};
+    if (statvfs(kFallbackDirectory, &disk) != 0) {
+        return std::nullopt;
+    }
+    const uint64_t room = uint64_t{disk.f_bavail} * disk.f_frsize;
+    const std::string what = "room on its disk: " + std::to_string(room) + " bytes";
+    if (room >= kMaxFallbackSize) {
+        return Finding{Level::kGood, what, ""};
+    }
+    return Finding{room < kLeastRoom ? Level::kBad : Level::kNote,
+                   what + ", less than the file may take", "make room on the disk"};
+}
+
+Finding checkTable() {
+    try {
+        const SamplingSegment segment(SamplingSegment::Access::kChange);  // as applications do
+        return {Level::kGood,
+                "sampling table with " + std::to_string(usedSlots(segment.table()).size()) +
+                    " applications",
+                ""};
+    } catch (const std::exception& error) {
+        return {Level::kNote, error.what(), "without it every record is kept"};
+    }
+}
+
+Finding checkMarker() {
+    const std::string name = std::string("sampling marker ") + kSamplingMarker;
+    return hasSamplingMarker()
+               ? Finding{Level::kGood, name, ""}
+               : Finding{Level::kNote, name + " is missing",
+                         "applications keep every record of their first minute; \"qvctl rates "
+                         "create\" makes it"};
+}
+
+class Report {
+ public:
+    void add(const Finding& finding) {
+        static const char* const kLabels[] = {"ok    ", "note  ", "FAILED"};
+        static const char* const kColours[] = {"\x1B[32m", "\x1B[33m", "\x1B[31m"};
+        const auto level = static_cast<size_t>(finding.level);
+        std::cout << (m_coloured ? kColours[level] : "") << kLabels[level]
+                  << (m_coloured ? "\x1B[0m" : "") << "  " << finding.what << '\n';
+        if (!finding.advice.empty()) {
+            std::cout << "        " << finding.advice << '\n';
+        }
+        m_isReady = m_isReady && finding.level != Level::kBad;
+    }
+    void add(const std::optional<Finding>& finding) {
+        if (finding) {
+            add(*finding);
+        }
+    }
+    bool isReady() const { return m_isReady; }
+
+ private:
+    const bool m_coloured = recordStyle(false) == RecordStyle::kColoured;
+    bool m_isReady = true;
+};
+
+bool check() {
+    Report report;
+    report.add(checkStream(std::string("unix ") + kAgentSocketPath,
+                           connectError(AF_UNIX, agentUnixAddress())));
+    report.add(checkStream("tcp 127.0.0.1:" + std::to_string(kAgentPort),
+                           connectError(AF_INET, agentLoopbackAddress())));
+    report.add(checkUdp());
+    report.add(checkFallback());
+    report.add(checkStickyBit());
+    report.add(checkRoom());
+    report.add(checkTable());
+    report.add(checkMarker());
+    return report.isReady();
+}
+
+}  // namespace
+
+void addCheckVerb(CLI::App& program, int& status) {
+    CLI::App* verb = program.add_subcommand(
+        "check", "Tell whether this host is ready for this user's applications, and what to do.");
+    verb->footer(
+        "Looks at the agent's endpoints, the fallback file and the sampling table. What holds for\n"
+        "one user may not for another: run it as the user of the application.\n"
+        "Example: runuser -u www-data -- qvctl check\n"
+        "Exit status: 0 records over any transport would be delivered, and kept while the agent\n"
+        "is away; 1 not all of that; 2 wrong usage.");
+    verb->callback([&status] { status = check() ? 0 : 1; });
+}
+
+}  // namespace Quorvel

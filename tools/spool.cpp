@@ -1,0 +1,169 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "damage.h"
+#include "descriptor.h"
+#include "host_paths.h"
+#include "output.h"
+#include "record_filter.h"
+#include "record_printer.h"
+#include "spool_file.h"
+#include "spool_info.h"
+#include "spool_replay.h"
+#include "stop_signals.h"
+#include "verbs.h"
+
+namespace Quorvel {
+namespace {
+
+Descriptor openFile(const std::string& path) {
+    Descriptor fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (fd.get() < 0 || fstat(fd.get(), &status) != 0) {
+        throw std::runtime_error("cannot open " + path + ": " + strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw std::runtime_error(path + " is no regular file");
+    }
+    return fd;
+}
+
+void addFileArgument(CLI::App& verb, std::string& file) {
+    file = kFallbackFile;
+    verb.add_option("FILE", file, "The file; the fallback file by default")
+        ->type_name("")
+        ->transform(unprotect)
+        ->capture_default_str();
+}
+
+struct InfoOptions {
+    std::string file;
+    bool json = false;
+};
+
+void addInfoVerb(CLI::App& spool) {
+    const auto options = std::make_shared<InfoOptions>();
+    CLI::App* verb = spool.add_subcommand("info", "Say what a file holds.");
+    verb->footer(
+        "Shows the file's size, its records by application and log type, the oldest and newest\n"
+        "time stamp, and what is no record.\n"
+        "Example: qvctl spool info\n"
+        "Exit status: 0 shown, 1 the file cannot be read, 2 wrong usage.");
+    addFileArgument(*verb, options->file);
+    verb->add_flag("--json", options->json, "Print a JSON object");
+    verb->callback([options] {
+        const Descriptor fd = openFile(options->file);
+        const SpoolInfo info(fd.get());
+        Output output;
+        options->json ? info.printJson(output) : info.printReadable(options->file, output);
+        output.flush();
+    });
+}
+
+struct CatOptions {
+    std::string file;
+    bool json = false;
+    RecordFilter filter;
+};
+
+/// @return whether every record could be looked at.
+bool printRecords(const CatOptions& options) {
+    catchStopSignals();
+    const Descriptor fd = openFile(options.file);
+    const auto printer = makeRecordPrinter(recordStyle(options.json));
+    Output output;
+    SpoolReader reader(fd.get());
+    Damage damage;
+    bool isComplete = true;
+    while (!stopRequested() && reader.next()) {
+        damage.add(reader.begin() - reader.skipped(), reader.skipped());
+        RequestView request;
+        std::string error;
+        if (!decodeRequest(reader.request(0, kPrefixLength + kMaxBodyLength), request, error)) {
+            std::cerr << "qvctl: record at byte " << reader.begin() << ": " << error << '\n';
+            isComplete = false;
+        } else if (options.filter.matches(request)) {
+            printer->print(request, std::nullopt, output);
+        }
+    }
+    output.flush();
+    damage.add(reader.begin() - reader.skipped(), reader.skipped());
+    if (damage.bytes() > 0) {
+        std::cerr << "qvctl: skipped " << damage.description() << '\n';
+    }
+    return isComplete && !stopRequested();
+}
+
+void addCatVerb(CLI::App& spool, int& status) {
+    const auto options = std::make_shared<CatOptions>();
+    CLI::App* verb = spool.add_subcommand("cat", "Print the records of a file.");
+    verb->footer(
+        "Prints a line per record as listen does, without a transport. What is no record is\n"
+        "skipped, with a message on standard error.\n"
+        "Example: qvctl spool cat --app checkout --since '2026-01-31 17:00'\n"
+        "Exit status: 0 printed, 1 the file cannot be read or not every record printed, 2 wrong\n"
+        "usage.");
+    addFileArgument(*verb, options->file);
+    verb->add_flag("--json", options->json, "Print JSON on a terminal as well");
+    addFilterOptions(*verb, options->filter);
+    verb->callback([options, &status] { status = printRecords(*options) ? 0 : 1; });
+}
+
+void addReplayVerb(CLI::App& spool, int& status) {
+    const auto options = std::make_shared<ReplayOptions>();
+    const auto isDry = std::make_shared<bool>(false);
+    CLI::App* verb = spool.add_subcommand(
+        "replay", "Send the requests of a file to the agent, as they stand, and remove it.");
+    verb->footer(
+        "Moves FILE aside to FILE.replay, so that running applications begin a new one, and takes\n"
+        "that next until none is left. FILE.progress keeps how much the agent has read, from\n"
+        "which the next replay goes on when one was ended in whatever way. Every record arrives\n"
+        "at least once: after a kill of either side up to 64 KiB are sent again. Over TCP the\n"
+        "agent's host acknowledges what the agent may not have read yet; that is lost when the\n"
+        "agent is killed. Bytes that are no record are kept in FILE.damaged.\n"
+        "Example: qvctl spool replay --wait --rate 5000\n"
+        "Exit status: 0 all replayed, 1 not all or another failure, 2 wrong usage.");
+    addFileArgument(*verb, options->file);
+    verb->add_option_function<std::string>(
+            "--transport",
+            [options](const std::string& name) {
+                options->transport = Transport{socketType(name)};
+            },
+            "Way to the agent")
+        ->check(CLI::IsMember({"unix", "tcp"}))
+        ->default_str("unix");
+    verb->add_option("--rate", options->recordsPerSecond, "At most so many records a second")
+        ->type_name("N")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1000000000}));
+    verb->add_flag("--wait", options->waitsForAgent, "Wait for the agent whenever it is not there");
+    verb->add_flag("--dry-run", *isDry, "Only say what would be replayed");
+    verb->callback([options, isDry, &status] {
+        if (*isDry) {
+            describeReplay(*options);
+            return;
+        }
+        catchStopSignals();
+        status = replay(*options) ? 0 : 1;
+    });
+}
+
+}  // namespace
+
+void addSpoolVerb(CLI::App& program, int& status) {
+    CLI::App* verb =
+        program.add_subcommand("spool", "Look at the fallback file, or replay it to the agent.");
+    verb->require_subcommand(1);
+    addInfoVerb(*verb);
+    addCatVerb(*verb, status);
+    addReplayVerb(*verb, status);
+}
+
+}  // namespace Quorvel

@@ -1,0 +1,238 @@
+#include "spool_replay.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <iostream>
+#include <optional>
+#include <stdexcept>
+
+#include "agent_connection.h"
+#include "pace.h"
+#include "progress_line.h"
+#include "replay_queue.h"
+#include "spool_file.h"
+#include "stop_signals.h"
+
+namespace Quorvel {
+namespace {
+
+const size_t kBatchSize = 64 << 10;  // what may have to be sent again
+const size_t kPieceSize = 32 << 10;
+const timespec kReadInterval = {0, 100000};
+const timespec kReconnectInterval = {0, 200000000};
+const std::chrono::seconds kPatience(1);
+
+struct Amount {
+    uint64_t records = 0;
+    uint64_t bytes = 0;
+
+    void add(const Amount& other) {
+        records += other.records;
+        bytes += other.bytes;
+    }
+};
+
+class Replay {
+ public:
+    explicit Replay(const ReplayOptions& options)
+        : m_options(options), m_pace(options.recordsPerSecond), m_queue(options.file) {}
+
+    /// @return whether all was replayed; false when a stop was requested before.
+    bool run() {
+        try {
+            connect();
+            while (!stopRequested() && m_queue.takeFile()) {
+                replayFile();
+            }
+        } catch (const AgentGone& gone) {
+            throw std::runtime_error(gone.what() + (m_reader ? "; " + leftOver() : ""));
+        }
+        if (stopRequested()) {
+            std::cerr << "qvctl: stopped" << (m_reader ? "; " + leftOver() : "") << '\n';
+        }
+        return !stopRequested();
+    }
+
+    void report() {
+        m_line.clear();
+        std::cout << "replayed: " << m_replayed.records << " records, " << m_replayed.bytes
+                  << " bytes\n";
+        if (m_damage > 0) {
+            std::cout << "no records: " << m_damage << " bytes, kept in " << m_queue.damagedFile()
+                      << '\n';
+        }
+    }
+
+ private:
+    void connect() {
+        while (!m_connection) {
+            try {
+                m_connection.emplace(m_options.transport);
+            } catch (const AgentGone&) {
+                if (!m_options.waitsForAgent || stopRequested()) {
+                    throw;
+                }
+                nanosleep(&kReconnectInterval, nullptr);
+            }
+        }
+    }
+
+    std::string leftOver() const {
+        return "what is left is in " + m_queue.workingFile() +
+               ", and the next replay goes on there";
+    }
+
+    void startFromProgress() {
+        m_reader.emplace(m_queue.fd(), m_queue.progress());
+        m_handled = m_queue.progress();
+        m_batch.clear();
+        m_unread = {};
+    }
+
+    /// Sends the file at work and removes it, unless a stop is requested.
+    void replayFile() {
+        m_damageKept = m_queue.progress();
+        startFromProgress();
+        for (bool isDone = false; !isDone && !stopRequested();) {
+            try {
+                isDone = sendNext() && m_queue.removeFile(m_handled);
+            } catch (const AgentGone&) {
+                if (!m_options.waitsForAgent) {
+                    throw;
+                }
+                m_connection.reset();
+                connect();
+                startFromProgress();
+            }
+        }
+    }
+
+    /// @return whether all up to the file's end was replayed.
+    bool sendNext() {
+        const bool isRecord = m_reader->next();
+        keepDamaged();
+        if (isRecord) {
+            add();
+        }
+        if (!isRecord || stopRequested()) {
+            finishBatch();
+        }
+        return !isRecord;
+    }
+
+    void keepDamaged() {
+        const uint64_t end = m_reader->begin();
+        m_handled = end;
+        for (m_damageKept = std::max(m_damageKept, end - m_reader->skipped());
+             m_damageKept < end;) {
+            const size_t length = std::min<uint64_t>(end - m_damageKept, kPieceSize);
+            m_queue.keepDamaged(whole(m_reader->bytes(m_damageKept, length), length));
+            m_damageKept += length;
+            m_damage += length;
+        }
+    }
+
+    void add() {
+        const size_t length = m_reader->requestLength();
+        if (m_unread.bytes + length > kBatchSize || !m_pace.isDue()) {
+            finishBatch();
+        }
+        m_pace.await();
+        m_pace.count();
+        if (length <= kBatchSize) {
+            m_batch.append(whole(m_reader->request(0, length), length));
+        } else {
+            sendInPieces(length);
+        }
+        m_unread.add({1, length});
+        m_handled = m_reader->end();
+    }
+
+    void sendInPieces(size_t length) {
+        for (size_t offset = 0; offset < length; offset += kPieceSize) {
+            const size_t piece = std::min(length - offset, kPieceSize);
+            m_connection->send(whole(m_reader->request(offset, piece), piece));
+        }
+    }
+
+    std::string_view whole(std::string_view bytes, size_t length) const {
+        if (bytes.size() < length) {
+            throw std::runtime_error(m_queue.workingFile() + " was cut while it was replayed");
+        }
+        return bytes;
+    }
+
+    /// Sends what was added and waits until the agent has read it.
+    void finishBatch() {
+        m_connection->send(m_batch);
+        awaitRead();
+        m_queue.setProgress(m_handled);
+        m_replayed.add(m_unread);
+        m_batch.clear();
+        m_unread = {};
+        m_line.show(m_replayed.records, m_replayed.bytes,
+                    static_cast<double>(m_handled) / static_cast<double>(m_reader->size()));
+    }
+
+    void awaitRead() {
+        const auto patienceEnd = std::chrono::steady_clock::now() + kPatience;
+        while (!m_connection->isRead()) {
+            nanosleep(&kReadInterval, nullptr);
+            if (!m_isSaid && std::chrono::steady_clock::now() > patienceEnd) {
+                m_line.clear();
+                std::cerr << "qvctl: waiting until the agent has read what was sent (Ctrl-C twice "
+                             "does not wait, and up to 64 KiB will be sent again)\n";
+                m_isSaid = true;
+            }
+        }
+    }
+
+    const ReplayOptions& m_options;
+    Pace m_pace;
+    ReplayQueue m_queue;
+    ProgressLine m_line;
+    std::optional<AgentConnection> m_connection;
+    std::optional<SpoolReader> m_reader;
+    std::string m_batch;        // requests to be sent together
+    Amount m_unread;            // of the batch, and of a longer request sent on its own
+    uint64_t m_handled = 0;     // offset behind what was added to the batch or was damaged
+    uint64_t m_damageKept = 0;  // offset behind the damage that was kept already
+    Amount m_replayed;
+    uint64_t m_damage = 0;
+    bool m_isSaid = false;  // that the agent lets this wait
+};
+
+}  // namespace
+
+bool replay(const ReplayOptions& options) {
+    Replay replay(options);
+    try {
+        const bool isDone = replay.run();
+        replay.report();
+        return isDone;
+    } catch (...) {
+        replay.report();
+        throw;
+    }
+}
+
+void describeReplay(const ReplayOptions& options) {
+    for (const ReplayQueue::Part& part : ReplayQueue::parts(options.file)) {
+        SpoolReader reader(part.fd.get(), part.progress);
+        Amount amount;
+        uint64_t damage = 0;
+        while (reader.next()) {
+            amount.add({1, reader.requestLength()});
+            damage += reader.skipped();
+        }
+        damage += reader.skipped();
+        std::cout << "would replay from " << part.path << ": " << amount.records << " records, "
+                  << amount.bytes << " bytes\n";
+        if (damage > 0) {
+            std::cout << "no records: " << damage << " bytes\n";
+        }
+    }
+}
+
+}  // namespace Quorvel
