@@ -20,7 +20,9 @@ trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 if [ "$page" = docs/tracing.md ]; then
     tracefs=/sys/kernel/tracing
     mountpoint -q $tracefs || mount -t tracefs tracefs $tracefs || true
-    [ -w $tracefs/uprobe_events ] && bpftrace -l "usdt:$library:*" || { echo "no tracing here" && exit 77; }
+    if [ ! -w $tracefs/uprobe_events ] || ! bpftrace -l "usdt:$library:*"; then
+        echo "no tracing here" && exit 77
+    fi
     cp "$library" /usr/local/lib/libqvapi.so.1
 fi
 
