@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # packages_test.sh SOURCE: installs the packages in build/package, looks at what they ship, has two
-# applications send a record to their qvctl, and removes them without a trace. Runs inside
-# scripts/world --scratch.
+# applications send a record to their qvctl, and removes them without a trace. Runs in a
+# root of its own, which scripts/packages makes.
 # shellcheck source=tests/readme_lines.sh
 source "$1/tests/readme_lines.sh"
 fail() { echo "packages_test: $*" >&2 && exit 1; }
@@ -12,8 +12,8 @@ files() {
 }
 
 files >"$work/before"
-mkdir build
-cp -r "$source/build/package" build/
+mkdir -p build/package
+cp "$source"/build/package/*.deb build/package/
 follow 'Debian packages'
 dpkg --audit
 files >"$work/after"
