@@ -164,6 +164,14 @@ TEST(QvctlListen, EndsSoonWhateverArrivesAndWhoeverReads) {
     }
 }
 
+TEST(QvctlListen, EndsAtOnceAtASecondSignalOfTheOtherKind) {
+    Listen listen;
+    for (const int signal : {SIGSTOP, SIGINT, SIGTERM}) {
+        kill(listen.pid(), signal);
+    }
+    EXPECT_EQ(listen.finish(SIGCONT), -1) << listen.output();
+}
+
 TEST(QvctlListen, OpensTheSocketToEveryUserUnlessToldOtherwise) {
     const std::pair<std::string, unsigned int> rows[] = {{"", 0666}, {" --mode 0600", 0600}};
     for (const auto& [option, mode] : rows) {
