@@ -80,6 +80,8 @@ TEST(Qvctl, EndsWithTwoOnWrongUsageAndNamesIt) {
         {"send stat app x a=2147483648", "a: 2147483648 is no number"},
         {"send stat app x a=1 a=2", "a is given twice\n"},
         {"send stat app x a", "a is not NAME=INTEGER\n"},
+        {"send stat app x =5", "=5 has no name\n"},
+        {"send stat app $(printf %01019d) ab=5", "would have 1024 bytes and be cut at 1023\n"},
     };
     for (const auto& row : rows) {
         run("qvctl " + row.arguments, 2, row.message);

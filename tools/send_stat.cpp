@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -37,6 +36,9 @@ std::map<std::string, int> parse(const std::vector<std::string>& texts) {
         const size_t equals = text.find('=');
         if (equals == std::string::npos) {
             throw CLI::ValidationError("VALUE", text + " is not NAME=INTEGER");
+        }
+        if (equals == 0) {
+            throw CLI::ValidationError("VALUE", text + " has no name");
         }
         const std::string name = text.substr(0, equals);
         const int value = parseNumber(name, text.substr(equals + 1), INT_MIN, INT_MAX);
@@ -80,7 +82,16 @@ size_t recordLength(const StatOptions& options) {
     for (const auto& [name, value] : options.values) {
         length += 1 + name.size() + 1 + std::to_string(value).size();
     }
-    return std::min(length, kMaxStatText);
+    return length;
+}
+
+void requireWhole(const StatOptions& options) {
+    const size_t length = recordLength(options);
+    if (length > kMaxStatText) {
+        throw CLI::ValidationError("VALUE", "the record would have " + std::to_string(length) +
+                                                " bytes and be cut at " +
+                                                std::to_string(kMaxStatText));
+    }
 }
 
 int sendStat(StatOptions& options) {
@@ -132,7 +143,10 @@ void addSendStatVerb(CLI::App& send, int& status) {
         ->capture_default_str();
     addNumber(*verb, "--type", options->type, 0, kMaxBaseLogType, "Log type")->default_str("0");
     addTransportOption(*verb, options->transport);
-    verb->callback([options, &status] { status = sendStat(*options); });
+    verb->callback([options, &status] {
+        requireWhole(*options);
+        status = sendStat(*options);
+    });
 }
 
 }  // namespace Quorvel
