@@ -134,6 +134,16 @@ TEST_F(QvctlSpool, RepeatsNothingAfterCtrlC) {
     EXPECT_TRUE(hasRead(agent, expected));
 }
 
+TEST_F(QvctlSpool, StopsInTheMiddleOfLongDamageAndKeepsTheFile) {
+    store("");
+    std::filesystem::resize_file(kFile, uint64_t{1} << 40);
+    const TestAgent agent(0);
+    Shell stopped("exec qvctl spool replay");
+    EXPECT_TRUE(eventually([] { return access((kFile + ".progress").c_str(), F_OK) == 0; }));
+    EXPECT_EQ(stopped.finish(SIGINT), 1) << stopped.output();
+    EXPECT_EQ(access((kFile + ".replay").c_str(), F_OK), 0);
+}
+
 TEST_F(QvctlSpool, WaitsForTheAgentIfAskedTo) {
     store(record("a") + record("b"));
     Shell replay("exec qvctl spool replay --wait --rate 4");

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <vector>
 
 #include "request_bytes.h"
@@ -95,6 +96,28 @@ TEST(SpoolReader, FindsAllOtherRecordsAroundACutOne) {
                 << i << " cut to " << kept;
         }
     }
+}
+
+/// The head of a record without a name, of `size` bytes in all.
+std::string longHead(size_t size) {
+    const auto length = static_cast<uint32_t>(size - 4);
+    std::string head = spooled({requestBytes("", std::string(40000, '.'))}).substr(0, kHeadSize);
+    head.replace(0, 4, reinterpret_cast<const char*>(&length), 4);
+    return head.replace(16, 4, bigEndian(length - 16, 4));
+}
+
+TEST(SpoolReader, TakesNoTimeThatGrowsWithTheSquareOfTheSize) {
+    const std::string empty = spooled({requestBytes("", "")});
+    const size_t count = 20000;
+    const size_t end = 2 * count * kHeadSize + 50000;
+    std::string file;
+    while (file.size() < 2 * count * kHeadSize) {
+        file += longHead(end - file.size()) + empty;
+    }
+    file += longHead(60000) + std::string(50000, '.');
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(found(file).size(), count);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
 }
 
 }  // namespace

@@ -8,10 +8,16 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "stop_signals.h"
+
 namespace Quorvel {
 namespace {
 
 const size_t kWindowSize = 128 << 10;
+const uint64_t kMaxLooksAhead = 16;  // at a byte, on average: more than damage alone causes
+
+/// Leads out of the search for a record when a stop was requested.
+struct SearchStopped {};
 
 /// @return how many bytes there were, at least `length` unless the file ends before.
 size_t readAt(int fd, uint64_t offset, char* bytes, size_t length, size_t capacity) {
@@ -55,11 +61,15 @@ bool SpoolReader::findNext() {
         m_size = fileSize(m_fd);
     }
     uint64_t end = 0;
-    for (m_begin = from; m_begin < m_size; m_begin = findAfterDamage(m_begin)) {
-        end = endOfRecord(m_begin);
-        if (end != 0) {
-            break;
+    try {
+        for (m_begin = from; m_begin < m_size; m_begin = findAfterDamage(m_begin)) {
+            end = endOfRecord(m_begin);
+            if (end != 0) {
+                break;
+            }
         }
+    } catch (const SearchStopped&) {
+        m_begin = from;
     }
     m_end = std::max(m_begin, end);
     m_skipped = m_begin - from;
@@ -84,6 +94,9 @@ std::string_view SpoolReader::load(uint64_t offset, size_t length) {
 
 uint64_t SpoolReader::endAt(uint64_t position) {
     if (position != m_lookedAt) {
+        if (!isInWindow(position, kHeadSize) && stopRequested()) {
+            throw SearchStopped();
+        }
         const std::string_view head = bytes(position, kHeadSize);
         m_lookedAt = position;
         SpoolHead& seen = m_heads[m_currentHead ^ 1];
@@ -112,17 +125,18 @@ uint64_t SpoolReader::endOfRecord(uint64_t position) {
     return isWhole ? end : 0;
 }
 
-bool SpoolReader::holdsOthers(uint64_t position, uint64_t end) {
-    position = findHead(position + 1, end);
-    while (position < end) {
-        const uint64_t next = endAt(position);
-        if (next > end) {
-            return true;
-        }
-        const bool leadsOn = next < end && endAt(next) != 0;
+bool SpoolReader::holdsOthers(uint64_t begin, uint64_t end) {
+    if (m_lookedAhead / kMaxLooksAhead > m_size) {
+        return true;  // like most answers so far: where no others are, a look ahead happens once
+    }
+    uint64_t position = findHead(begin + 1, end);
+    uint64_t next = 0;
+    while (position < end && (next = endAt(position)) <= end) {
+        const bool leadsOn = next < end && isBoundary(next);
         position = leadsOn ? next : findHead(position + 1, end);
     }
-    return false;
+    m_lookedAhead += position - begin;
+    return position < end;
 }
 
 uint64_t SpoolReader::findAfterDamage(uint64_t position) {

@@ -17,8 +17,9 @@ namespace Quorvel {
 /// host order, and the request as it stands.
 void appendSpoolRecord(std::string& output, std::string_view request);
 
-/// Finds the whole records of a file in the fallback file's format, in constant memory. The file
-/// may hold any bytes, and may grow or be cut meanwhile.
+/// Finds the whole records of a file in the fallback file's format, in constant memory and in a
+/// time that grows with its size alone. The file may hold any bytes, and may grow or be cut
+/// meanwhile.
 ///
 /// A record is whole when its length and the header behind it agree in every field and it fits in
 /// the file. Bytes that are no whole record are skipped: as far as a record reaches of which one
@@ -31,7 +32,8 @@ class SpoolReader {
     explicit SpoolReader(int fd, uint64_t offset = 0);
 
     /// Moves on to the next whole record. Throws when the file cannot be read.
-    /// @return false at the file's end; a later call finds what was appended since.
+    /// @return false at the file's end, where a later call finds what was appended since, and,
+    /// before it, when a stop was requested: then begin() and end() are where the search began.
     bool next() {
         // Mostly the head behind the last record was looked at, and the next one is at hand.
         if (m_lookedAt == m_end && m_headEnd != 0 && isInWindow(m_headEnd, kHeadSize) &&
@@ -90,8 +92,8 @@ class SpoolReader {
     bool isBoundary(uint64_t position);
     /// Where the whole record at `position` ends; 0 when none is there.
     uint64_t endOfRecord(uint64_t position);
-    /// Whether the record at `position` was cut short: others begin in it and lead over its end.
-    bool holdsOthers(uint64_t position, uint64_t end);
+    /// Whether the record at `begin` was cut short: others begin in it and lead over its end.
+    bool holdsOthers(uint64_t begin, uint64_t end);
     /// Where the record at `position` ends that a flipped bit keeps from being one; 0 for none.
     uint64_t endOfFlipped(uint64_t position);
 
@@ -101,6 +103,7 @@ class SpoolReader {
     uint64_t findHead(uint64_t position, uint64_t limit);
     /// The first whole record from `position` on with a boundary behind it, or the file's end.
     uint64_t findFollowed(uint64_t position);
+
     const int m_fd;
     uint64_t m_size = 0;
     uint64_t m_begin;
@@ -110,6 +113,7 @@ class SpoolReader {
     unsigned int m_currentHead = 0;
     uint64_t m_lookedAt = UINT64_MAX;  // where endAt() looked last
     uint64_t m_headEnd = 0;            // and what it returned
+    uint64_t m_lookedAhead = 0;        // how many bytes holdsOthers() went through
     std::unique_ptr<char[]> m_window;
     size_t m_windowCapacity = 0;
     uint64_t m_windowBegin = 0;

@@ -111,26 +111,31 @@ class Replay {
     /// @return whether all up to the file's end was replayed.
     bool sendNext() {
         const bool isRecord = m_reader->next();
-        keepDamaged();
-        if (isRecord) {
+        if (keepDamaged() && isRecord) {
             add();
         }
-        if (!isRecord || stopRequested()) {
+        const bool isAll = m_handled >= m_reader->size();
+        if (isAll || stopRequested()) {
             finishBatch();
         }
-        return !isRecord;
+        return isAll;
     }
 
-    void keepDamaged() {
+    /// @return whether all before the record is kept; false when a stop was requested before.
+    bool keepDamaged() {
         const uint64_t end = m_reader->begin();
-        m_handled = end;
         for (m_damageKept = std::max(m_damageKept, end - m_reader->skipped());
              m_damageKept < end;) {
+            if (stopRequested()) {
+                return false;
+            }
             const size_t length = std::min<uint64_t>(end - m_damageKept, kPieceSize);
             m_queue.keepDamaged(whole(m_reader->bytes(m_damageKept, length), length));
             m_damageKept += length;
             m_damage += length;
         }
+        m_handled = end;
+        return true;
     }
 
     void add() {
