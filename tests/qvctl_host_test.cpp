@@ -32,6 +32,8 @@ TEST(QvctlCheck, SucceedsOnlyWhereRecordsWouldBeDeliveredAndKept) {
         {"--tcp --udp", "", 1, "FAILED  unix /data/container2host/cqv: No such file"},
         {"--unix --udp", "", 1, "FAILED  tcp 127.0.0.1:20005: Connection refused\n"},
         {"--unix --tcp", "", 1, "FAILED  udp 127.0.0.1:20005 is not served"},
+        {"--stall", "", 1, "FAILED  unix /data/container2host/cqv: Connection timed out\n"},
+        {"--stall", "", 1, "FAILED  tcp 127.0.0.1:20005: Connection timed out\n"},
         {"", "chmod 0 /data/container2host/cqv;", 1, "cqv: Permission denied\n"},
         {"", "rmdir /data/qvagent;", 1, "FAILED  fallback file " + file + ": No such file"},
         {"", "chmod 500 /data/qvagent;", 1, "FAILED  fallback file " + file + ": Permission"},

@@ -9,25 +9,24 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <fstream>
 #include <iostream>
-#include <limits>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "agent_address.h"
+#include "agent_sockets.h"
 #include "descriptor.h"
 #include "host_paths.h"
 #include "record_printer.h"
 #include "sampling_table.h"
+#include "transport.h"
 #include "verbs.h"
 
 namespace Quorvel {
 namespace {
 
 const int kConnectMilliseconds = 1000;
+const int kLookMilliseconds = 20;
 const uint64_t kLeastRoom = 1 << 20;
 
 enum class Level { kGood, kNote, kBad };
@@ -38,24 +37,32 @@ struct Finding {
     std::string advice;
 };
 
+/// Whether the agent accepts a connection that has just been made.
+bool isAccepted(Transport transport) {
+    for (int waited = 0; hasUnaccepted(transport); waited += kLookMilliseconds) {
+        if (waited >= kConnectMilliseconds) {
+            return false;
+        }
+        poll(nullptr, 0, kLookMilliseconds);
+    }
+    return true;
+}
+
 /// The error with which this user cannot connect; 0 for none.
 template <typename Address>
-int connectError(int family, const Address& address) {
-    const Descriptor fd(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
-        return 0;
+int connectError(Transport transport, const Address& address) {
+    const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+    const Descriptor fd(socket(name->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    int error = connect(fd.get(), name, sizeof(address)) == 0 ? 0 : errno;
+    if (error == EINPROGRESS) {
+        pollfd polled = {fd.get(), POLLOUT, 0};
+        if (poll(&polled, 1, kConnectMilliseconds) == 0) {
+            return ETIMEDOUT;
+        }
+        socklen_t size = sizeof(error);
+        getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     }
-    if (errno != EINPROGRESS) {
-        return errno;
-    }
-    pollfd polled = {fd.get(), POLLOUT, 0};
-    if (poll(&polled, 1, kConnectMilliseconds) == 0) {
-        return ETIMEDOUT;
-    }
-    int error = 0;
-    socklen_t size = sizeof(error);
-    getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size);
-    return error;
+    return error == 0 && !isAccepted(transport) ? ETIMEDOUT : error;
 }
 
 std::string adviceToConnect(int error) {
@@ -79,26 +86,6 @@ Finding checkStream(const std::string& name, int error) {
         return {Level::kGood, name + " takes connections of this user", ""};
     }
     return {Level::kBad, name + ": " + strerror(error), adviceToConnect(error)};
-}
-
-/// Whether a process receives what is sent to the agent's UDP port. Only sending could show it
-/// otherwise, and what is no record would be an error to the agent.
-bool isUdpServed() {
-    const std::vector<std::string> addresses = {"00000000", "0100007F", std::string(32, '0'),
-                                                "0000000000000000FFFF00000100007F"};
-    char port[sizeof(":FFFF")];
-    snprintf(port, sizeof(port), ":%04X", unsigned{kAgentPort});
-    for (const char* const path : {"/proc/net/udp", "/proc/net/udp6"}) {
-        std::ifstream table(path);
-        const auto rest = std::numeric_limits<std::streamsize>::max();
-        for (std::string number, local; table >> number >> local; table.ignore(rest, '\n')) {
-            if (std::any_of(addresses.begin(), addresses.end(),
-                            [&](const std::string& address) { return local == address + port; })) {
-                return true;
-            }
-        }
-    }
-    return false;
 }
 
 Finding checkUdp() {
@@ -216,9 +203,9 @@ class Report {
 bool check() {
     Report report;
     report.add(checkStream(std::string("unix ") + kAgentSocketPath,
-                           connectError(AF_UNIX, agentUnixAddress())));
+                           connectError(Transport::kUnix, agentUnixAddress())));
     report.add(checkStream("tcp 127.0.0.1:" + std::to_string(kAgentPort),
-                           connectError(AF_INET, agentLoopbackAddress())));
+                           connectError(Transport::kTcp, agentLoopbackAddress())));
     report.add(checkUdp());
     report.add(checkFallback());
     report.add(checkStickyBit());
@@ -234,8 +221,10 @@ void addCheckVerb(CLI::App& program, int& status) {
     CLI::App* verb = program.add_subcommand(
         "check", "Tell whether this host is ready for this user's applications, and what to do.");
     verb->footer(
-        "Looks at the agent's endpoints, the fallback file and the sampling table. What holds for\n"
-        "one user may not for another: run it as the user of the application.\n"
+        "Looks at the agent's endpoints, the fallback file and the sampling table. It sends "
+        "nothing\n"
+        "and cannot see whether an agent that accepts connections reads them. What holds for one\n"
+        "user may not for another: run it as the user of the application.\n"
         "Example: runuser -u www-data -- qvctl check\n"
         "Exit status: 0 records over any transport would be delivered, and kept while the agent\n"
         "is away; 1 not all of that; 2 wrong usage.");
