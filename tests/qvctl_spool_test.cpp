@@ -144,6 +144,18 @@ TEST_F(QvctlSpool, StopsInTheMiddleOfLongDamageAndKeepsTheFile) {
     EXPECT_EQ(access((kFile + ".replay").c_str(), F_OK), 0);
 }
 
+TEST_F(QvctlSpool, EndsWhereItCannotRemoveTheFile) {
+    const std::string file = kFile + ".replay";
+    std::ofstream(file) << record("once");
+    const TestAgent agent(0);
+    run("mount --bind " + file + ' ' + file);
+    for (int i = 0; i < 2; ++i) {
+        run("qvctl spool replay", 1, "cannot remove " + file + ": ");
+    }
+    run("umount " + file);
+    EXPECT_TRUE(hasRead(agent, "once "));
+}
+
 TEST_F(QvctlSpool, WaitsForTheAgentIfAskedTo) {
     store(record("a") + record("b"));
     Shell replay("exec qvctl spool replay --wait --rate 4");

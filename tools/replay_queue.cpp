@@ -46,6 +46,13 @@ Descriptor openRegular(const std::string& path, int flags) {
     return fd;
 }
 
+/// Removes a file that may be gone already.
+void removeIfThere(const std::string& path) {
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        fail("cannot remove " + path);
+    }
+}
+
 uint64_t fileSize(int fd) {
     struct stat status {};
     fstat(fd, &status);
@@ -135,8 +142,8 @@ bool ReplayQueue::removeFile(uint64_t end) {
     if (!awaitWriters() || fileSize(m_working.get()) > end) {
         return false;
     }
-    unlink(m_workingFile.c_str());
-    unlink(m_progressFile.c_str());
+    removeIfThere(m_workingFile);  // first: its progress keeps it from being replayed again
+    removeIfThere(m_progressFile);
     return true;
 }
 
@@ -152,7 +159,7 @@ bool ReplayQueue::moveAside() {
             m_file + " belongs to the user " + std::to_string(status.st_uid) +
             ": only that one and root can tell whether it is still written to");
     }
-    unlink(m_progressFile.c_str());  // of a file that is gone
+    removeIfThere(m_progressFile);  // of a file that is gone
     if (renameat2(AT_FDCWD, m_file.c_str(), AT_FDCWD, m_workingFile.c_str(), RENAME_NOREPLACE) !=
         0) {
         fail("cannot rename " + m_file + " to " + m_workingFile);
