@@ -166,6 +166,19 @@ TEST_F(QvctlSpool, WaitsForTheAgentIfAskedTo) {
     EXPECT_TRUE(hasRead(agent, "a b "));
 }
 
+TEST_F(QvctlSpool, PausesBeforeItConnectsAgain) {
+    store(record("a"));
+    const int agent = openEndpoint(0);
+    Shell replay("exec qvctl spool replay --wait");
+    std::chrono::steady_clock::time_point accepted[4];
+    for (auto& time : accepted) {
+        EXPECT_TRUE(eventually([&] { return close(accept(agent, nullptr, nullptr)) == 0; }));
+        time = std::chrono::steady_clock::now();
+    }
+    EXPECT_GT(accepted[3] - accepted[0], std::chrono::milliseconds(200));
+    close(agent);
+}
+
 TEST_F(QvctlSpool, LeavesAFileAloneWhileAnApplicationHasItOpen) {
     store(record("early"));
     const int fd = open(kFile.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);

@@ -70,12 +70,18 @@ class Replay {
             try {
                 m_connection.emplace(m_options.transport);
             } catch (const AgentGone&) {
-                if (!m_options.waitsForAgent || stopRequested()) {
-                    throw;
-                }
-                nanosleep(&kReconnectInterval, nullptr);
+                awaitAgent();
             }
         }
+    }
+
+    /// Where an AgentGone was caught: throws it on, unless it is time to connect again.
+    void awaitAgent() {
+        if (!m_options.waitsForAgent || stopRequested()) {
+            throw;
+        }
+        m_connection.reset();
+        nanosleep(&kReconnectInterval, nullptr);
     }
 
     std::string leftOver() const {
@@ -98,10 +104,7 @@ class Replay {
             try {
                 isDone = sendNext() && m_queue.removeFile(m_handled);
             } catch (const AgentGone&) {
-                if (!m_options.waitsForAgent) {
-                    throw;
-                }
-                m_connection.reset();
+                awaitAgent();
                 connect();
                 startFromProgress();
             }
