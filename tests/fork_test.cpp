@@ -245,32 +245,6 @@ TEST_P(ForkBesideCallTest, WaitsForItsEnd) {
     other.join();
 }
 
-TEST(ForkBesideMergesTest, IsLetPassThoughTheirLockKnowsNoOrder) {
-    CLogger logger;
-    ASSERT_EQ(logger.init("app"), 0);
-    ASSERT_EQ(logger.set_stat(true, 1, UINT32_MAX, UINT32_MAX), 0);
-    std::map<std::string, int> values;
-    for (int i = 0; i < 1000; ++i) {
-        values[std::to_string(i)] = 1;
-    }
-    std::atomic<bool> done{false};
-    std::atomic<int> merges{0};
-    std::thread mergers([&] {
-        onThreads(8, [&](int) {
-            for (; !done; ++merges) {
-                logger.write_statlogs("text", values, QV_STAT_TYPE_SUM, 1);
-            }
-        });
-    });
-    EXPECT_TRUE(eventually([&] { return merges > 100; }));
-    for (int i = 0; i < 20; ++i) {
-        const int before = merges;
-        awaitChild(runInChild([&] { EXPECT_LE(merges - before, 1000); }));
-    }
-    done = true;
-    mergers.join();
-}
-
 class ForkThreadTest : public testing::Test {
     void SetUp() override {
         if (kIsSanitized) {
