@@ -172,15 +172,6 @@ TEST(QvctlListen, EndsAtOnceAtASecondSignalOfTheOtherKind) {
     EXPECT_EQ(listen.finish(SIGCONT), -1) << listen.output();
 }
 
-TEST(QvctlListen, OpensTheSocketToEveryUserUnlessToldOtherwise) {
-    const std::pair<std::string, unsigned int> rows[] = {{"", 0666}, {" --mode 0600", 0600}};
-    for (const auto& [option, mode] : rows) {
-        const Listen listen("--unix" + option, "umask 077; ");
-        EXPECT_EQ(modeOf(kUnixAddress.sun_path), mode);
-        EXPECT_EQ(modeOf("/data/container2host"), 0755U);
-    }
-}
-
 TEST(QvctlListen, ClosesTheLongestIdleConnectionForANewOne) {
     const Listen listen("--unix", "ulimit -n 20; ");
     for (int i = 0; i < 40; ++i) {
@@ -188,12 +179,6 @@ TEST(QvctlListen, ClosesTheLongestIdleConnectionForANewOne) {
         EXPECT_TRUE(listen.prints("\"body\":\"" + std::to_string(i) + "\"")) << "a new one waits";
     }
     EXPECT_TRUE(listen.prints("unix connection 1 closed: the longest idle one gives way"));
-}
-
-TEST(QvctlListen, ClosesIdleConnectionsWhenTold) {
-    Listen listen("--tcp --idle 1");
-    sendTo("tcp", requestBytes("app", "x"));
-    EXPECT_TRUE(listen.prints("tcp connection 1 closed: idle\n"));
 }
 
 TEST(QvctlListen, BoundsWhatUnfinishedRequestsTake) {
@@ -207,18 +192,6 @@ TEST(QvctlListen, BoundsWhatUnfinishedRequestsTake) {
     EXPECT_EQ(send(first, "x", 1, 0), 1);
     listen.finish(SIGINT);
     EXPECT_TRUE(listen.prints("qvctl: 1 records in all, 4 malformed")) << "others are served on";
-}
-
-TEST(QvctlListen, SumsUpTheSmallestNamesTogether) {
-    std::string requests;
-    for (int i = 0; i < 3000; ++i) {
-        requests += requestBytes("big", "x") + requestBytes("app" + std::to_string(i), "x");
-    }
-    Listen listen("--count 6000");
-    close(sendTo("tcp", requests));
-    EXPECT_EQ(listen.finish(), 0);
-    EXPECT_TRUE(listen.prints("qvctl: big type 0: 3000 records, 3000 bytes\n"));
-    EXPECT_TRUE(listen.prints("qvctl: all others: 2951 records, 2951 bytes\n"));
 }
 
 TEST(QvctlListen, ShowsRatesInsteadOfRecords) {
