@@ -115,6 +115,12 @@ TEST_F(QvctlSpool, ReplaysEveryFileThereIsAndKeepsTheDamage) {
     EXPECT_EQ(fileCount(), 1);
 }
 
+TEST_F(QvctlSpool, IgnoresTheProgressOfALongerFileInADryRun) {
+    std::ofstream(kFile + ".replay") << record("left");
+    std::ofstream(kFile + ".progress") << "00000000000000000030\n";
+    run("qvctl spool replay --dry-run", 0, "would replay from " + kFile + ".replay: 1 records");
+}
+
 TEST_F(QvctlSpool, RepeatsNothingAfterCtrlC) {
     std::string stored, expected;
     for (int i = 0; i < 10000; ++i) {

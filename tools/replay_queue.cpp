@@ -62,11 +62,12 @@ uint64_t fileSize(int fd) {
 std::string workingName(const std::string& file) { return file + ".replay"; }
 std::string progressName(const std::string& file) { return file + ".progress"; }
 
-/// @return 0 where none was stored.
-uint64_t readProgress(int fd) {
+/// @return the progress of the file at work; 0 where none was stored, or that of another file.
+uint64_t readProgress(int progressFd, int workingFd) {
     char digits[kProgressDigits + 1] = {};
-    const bool isThere = pread(fd, digits, kProgressDigits, 0) == kProgressDigits;
-    return isThere ? strtoull(digits, nullptr, 10) : 0;
+    const bool isThere = pread(progressFd, digits, kProgressDigits, 0) == kProgressDigits;
+    const uint64_t progress = isThere ? strtoull(digits, nullptr, 10) : 0;
+    return progress > fileSize(workingFd) ? 0 : progress;
 }
 
 }  // namespace
@@ -74,8 +75,9 @@ uint64_t readProgress(int fd) {
 std::vector<ReplayQueue::Part> ReplayQueue::parts(const std::string& file) {
     std::vector<Part> parts;
     if (Descriptor working = openRegular(workingName(file), O_RDONLY); working.get() >= 0) {
-        const Descriptor progress = openRegular(progressName(file), O_RDONLY);
-        parts.push_back({workingName(file), std::move(working), readProgress(progress.get())});
+        const Descriptor progressFd = openRegular(progressName(file), O_RDONLY);
+        const uint64_t progress = readProgress(progressFd.get(), working.get());
+        parts.push_back({workingName(file), std::move(working), progress});
     }
     if (Descriptor fd = openRegular(file, O_RDONLY); fd.get() >= 0) {
         parts.push_back({file, std::move(fd), 0});
@@ -110,10 +112,7 @@ bool ReplayQueue::takeFile() {
         return false;
     }
     m_progressFd = openRegular(m_progressFile, O_RDWR | O_CREAT);
-    m_progress = readProgress(m_progressFd.get());
-    if (m_progress > fileSize(m_working.get())) {
-        m_progress = 0;  // of another file
-    }
+    m_progress = readProgress(m_progressFd.get(), m_working.get());
     return true;
 }
 
