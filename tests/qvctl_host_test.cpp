@@ -41,6 +41,8 @@ TEST(QvctlCheck, SucceedsOnlyWhereRecordsWouldBeDeliveredAndKept) {
         {"", "ln -s /dev/null " + file + ";", 1, "is not a regular file\n"},
         {"", "truncate -s 1000000000 " + file + ";", 0, "note    fallback file "},
         {"", "truncate -s 1000000001 " + file + ";", 1, "bytes, full\n"},
+        {"", "echo >" + file + ".replay;", 0, "note    " + file + ".replay: 1 bytes, of a replay"},
+        {"", "echo >" + file + ".damaged;", 0, "note    " + file + ".damaged: 1 bytes, which"},
         {"", "mount -t tmpfs -o size=400k,mode=777 none /data/qvagent;", 1, "FAILED  room on its"},
         {"", "chmod +t /data/qvagent;", 0, "note    /data/qvagent has the sticky bit"},
         {"", "", 0, "note    there is no sampling table"},

@@ -129,6 +129,17 @@ Finding checkFallback() {
     return {Level::kGood, fill + ", writable for this user", ""};
 }
 
+/// A file that replays leave beside the fallback file.
+std::optional<Finding> checkLeftOver(const char* suffix, const char* what, const char* advice) {
+    const std::string path = std::string(kFallbackFile) + suffix;
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return Finding{Level::kNote, path + ": " + std::to_string(status.st_size) + " bytes, " + what,
+                   advice};
+}
+
 std::optional<Finding> checkStickyBit() {
     struct stat status {};
     if (stat(kFallbackDirectory, &status) != 0 || (status.st_mode & S_ISVTX) == 0) {
@@ -208,6 +219,10 @@ bool check() {
                            connectError(Transport::kTcp, agentLoopbackAddress())));
     report.add(checkUdp());
     report.add(checkFallback());
+    report.add(checkLeftOver(".replay", "of a replay that is at work or was ended",
+                             "\"qvctl spool replay\" goes on with it"));
+    report.add(checkLeftOver(".damaged", "which a replay found to be no records",
+                             "remove it when it is of no more use"));
     report.add(checkStickyBit());
     report.add(checkRoom());
     report.add(checkTable());
@@ -221,10 +236,9 @@ void addCheckVerb(CLI::App& program, int& status) {
     CLI::App* verb = program.add_subcommand(
         "check", "Tell whether this host is ready for this user's applications, and what to do.");
     verb->footer(
-        "Looks at the agent's endpoints, the fallback file and the sampling table. It sends "
-        "nothing\n"
-        "and cannot see whether an agent that accepts connections reads them. What holds for one\n"
-        "user may not for another: run it as the user of the application.\n"
+        "Looks at the agent's endpoints, the fallback file and the sampling table. It sends no\n"
+        "record, so cannot see whether an agent that accepts connections reads them. What holds\n"
+        "for one user may not for another: run it as the user of the application.\n"
         "Example: runuser -u www-data -- qvctl check\n"
         "Exit status: 0 records over any transport would be delivered, and kept while the agent\n"
         "is away; 1 not all of that; 2 wrong usage.");
