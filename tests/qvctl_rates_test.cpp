@@ -150,6 +150,7 @@ TEST_F(QvctlRates, RefusesWhatItCannotDoAndLeavesTheTable) {
         {kSize, 0666, 0, "qvctl rates set app 128 2", 2, "0 to 127"},
         {kSize, 0666, 0, "qvctl rates set app 9-5 2", 2, "0 to 127"},
         {kSize, 0666, 0, "qvctl rates set app all 256", 2, "RATE"},
+        {kSize, 0666, 0, "qvctl rates set app all 0x10", 2, "RATE"},
         {kSize, 0666, 0, "qvctl rates set '' 1 2", 2, "1 to 255 bytes, not 0"},
         {kSize, 0666, 0, "qvctl rates set $(printf %0256d) 1 2", 2, "1 to 255 bytes, not 256"},
     };

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "command_line.h"
 #include "log_types.h"
 #include "rates_view.h"
 #include "record_printer.h"
@@ -122,11 +123,10 @@ void addSetVerb(CLI::App& rates) {
             "Log types: a number of 0 to 127, a range like 5-9, or all")
         ->type_name("")
         ->required();
-    verb->add_option("RATE", options->rate,
-                     "0 or 1: keep every record; 2 to 254: keep one in so many; 255: drop all")
+    addNumber(*verb, "RATE", options->rate, 0, 255,
+              "0 or 1: keep every record; 2 to 254: keep one in so many; 255: drop all")
         ->type_name("")
-        ->required()
-        ->check(CLI::Range(0, 255));
+        ->required();
     verb->callback([options] {
         change([&options](AppItem* table) {
             return setRates(table, options->name, options->types,

@@ -10,13 +10,23 @@
 namespace Quorvel {
 namespace {
 
+/// Whether the date, which mktime() would carry over into the next month, is in its month.
+bool isInCalendar(const tm& parts) {
+    tm day{};
+    day.tm_year = parts.tm_year;
+    day.tm_mon = parts.tm_mon;
+    day.tm_mday = parts.tm_mday;
+    timegm(&day);
+    return day.tm_mon == parts.tm_mon;
+}
+
 int64_t parseTime(const std::string& option, const std::string& value) {
     for (const char* const form :
          {"%s", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
         tm parts{};
         parts.tm_isdst = -1;
         const char* const end = strptime(value.c_str(), form, &parts);
-        if (end != nullptr && *end == '\0') {
+        if (end != nullptr && *end == '\0' && isInCalendar(parts)) {
             return mktime(&parts);
         }
     }

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "command_line.h"
 #include "damage.h"
 #include "descriptor.h"
 #include "host_paths.h"
@@ -140,9 +141,8 @@ void addReplayVerb(CLI::App& spool, int& status) {
             "Way to the agent")
         ->check(CLI::IsMember({"unix", "tcp"}))
         ->default_str("unix");
-    verb->add_option("--rate", options->recordsPerSecond, "At most so many records a second")
-        ->type_name("N")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1000000000}));
+    addNumber<uint64_t>(*verb, "--rate", options->recordsPerSecond, 1, 1000000000,
+                        "At most so many records a second");
     verb->add_flag("--wait", options->waitsForAgent, "Wait for the agent whenever it is not there");
     verb->add_flag("--dry-run", *isDry, "Only say what would be replayed");
     verb->callback([options, isDry, &status] {
