@@ -26,12 +26,13 @@ options() { qvctl "${@:2}" --help | sed -n 's/^  \(-h,\)\?\(--[a-z-]*\).*/\2/p' 
 
 # check VERB...: this verb and those under it.
 check() {
-    local subverb
+    local subverb help
+    help=$(qvctl "${@:2}" --help)
     diff <(options "$@") <(complete_line "$@" --) || { echo "completion of: $*"; exit 1; }
-    if ! qvctl "${@:2}" --help | grep -q '^Usage:.* SUBCOMMAND$'; then
+    if ! grep -q '^Usage:.* SUBCOMMAND$' <<<"$help"; then
         diff <(options "$@" | grep -vx -e --help) <(documented "$@") || { echo "manual of: $*"; exit 1; }
     fi
-    for subverb in $(_qvctl_words Subcommands "$(qvctl "${@:2}" --help)"); do
+    for subverb in $(_qvctl_words Subcommands "$help"); do
         check "$@" "$subverb"
     done
 }
