@@ -26,6 +26,8 @@ TEST(QvctlSend, ReportsWhatBecameOfTheRecords) {
         {"module 7 --retval -5", 0, "accepted: 1\n", R"("iRetVal":-5,)"},
         {"stat app login ok=5 bad=-1 --type 9", 0, "accepted: 1\n",
          R"("body":"login&bad=-1&ok=5","fields":{"data":"login","bad":"-1","ok":"5"}})"},
+        {"app --binary /$'\\e'", 1, "qvctl: cannot read /\\x1B: No such file", ""},
+        {"app --binary /data", 1, "qvctl: cannot read /data: Is a directory\n", ""},
         {"'' a", 1, "qvctl: init: length of logName is 0\n", ""},
     };
     for (const auto& row : rows) {
@@ -68,7 +70,9 @@ TEST(Qvctl, EndsWithTwoOnWrongUsageAndNamesIt) {
     const struct {
         std::string arguments, message;
     } rows[] = {
-        {"frob", "unknown verb: frob"},
+        {"frob", "unknown verb: frob; qvctl --help"},
+        {"spool frob", "unknown verb: frob; qvctl spool --help"},
+        {"listen --count $'\\e'", "\\x1B is no number"},
         {"listen --count 0", "0 is no number from 1 to 9223372036854775807\n"},
         {"listen --count 9223372036854775808", "--count: 9223372036854775808 is no number"},
         {"listen --mode 888", "888 is no mode of 0 to 0777"},

@@ -22,6 +22,10 @@ int run(int argc, char** argv) {
     program.footer(
         "Example: qvctl check && qvctl listen --json\n"
         "Exit status: 0 success, 1 failure, 2 wrong usage; the verbs' help says what success is.");
+    program.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return Quorvel::escapeForTerminal(error.what()) +
+               "\nRun with --help for more information.\n";
+    });
     program.require_subcommand(1);
     int status = 0;
     Quorvel::addListenVerb(program, status);
@@ -36,10 +40,13 @@ int run(int argc, char** argv) {
                        std::back_inserter(arguments), Quorvel::protect);
         program.parse(arguments);
     } catch (const CLI::RequiredError& error) {
-        const std::vector<std::string> unknown = program.remaining();
-        if (program.get_subcommands().empty() && !unknown.empty()) {
+        const std::vector<CLI::App*> chosen = program.get_subcommands();
+        const CLI::App& verb = chosen.empty() ? program : *chosen.front();
+        const std::vector<std::string> unknown = verb.remaining();
+        if (verb.get_require_subcommand_min() > verb.get_subcommands().size() && !unknown.empty()) {
             std::cerr << "qvctl: unknown verb: " << Quorvel::escapeForTerminal(unknown.front())
-                      << "; qvctl --help lists them\n";
+                      << "; " << (chosen.empty() ? "" : "qvctl ") << verb.get_name()
+                      << " --help lists them\n";
             return 2;
         }
         program.exit(error);
@@ -47,7 +54,7 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return program.exit(error) == 0 ? 0 : 2;
     } catch (const std::exception& error) {
-        std::cerr << "qvctl: " << error.what() << '\n';
+        std::cerr << "qvctl: " << Quorvel::escapeForTerminal(error.what()) << '\n';
         return 1;
     }
     return status;

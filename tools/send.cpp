@@ -1,9 +1,12 @@
+#include <errno.h>
+#include <fcntl.h>
 #include <qvapi_cpp.h>
 #include <stdint.h>
+#include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -15,6 +18,7 @@
 
 #include "command_line.h"
 #include "deliveries.h"
+#include "descriptor.h"
 #include "line_reader.h"
 #include "pace.h"
 #include "progress_line.h"
@@ -101,10 +105,15 @@ class Sender {
 };
 
 std::string contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(file)), {});
-    if (!file.is_open() || file.bad()) {
-        throw std::runtime_error("cannot read " + path);
+    const Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string bytes;
+    char part[1 << 16];
+    ssize_t length = fd.get();
+    while (length >= 0 && (length = read(fd.get(), part, sizeof(part))) > 0) {
+        bytes.append(part, static_cast<size_t>(length));
+    }
+    if (length < 0) {
+        throw std::runtime_error("cannot read " + path + ": " + strerror(errno));
     }
     return bytes;
 }
