@@ -142,6 +142,27 @@ TEST_F(QvctlSpool, RepeatsNothingAfterCtrlC) {
     EXPECT_TRUE(hasRead(agent, expected));
 }
 
+TEST_F(QvctlSpool, SucceedsAtCtrlCIfNothingIsLeft) {
+    store(record("last"));
+    TestAgent agent(0);
+    agent.pause();
+    Shell stopped("exec qvctl spool replay");
+    EXPECT_TRUE(stopped.prints("waiting until the agent has read"));
+    kill(stopped.pid(), SIGINT);
+    agent.proceed();
+    EXPECT_EQ(stopped.finish(), 0) << stopped.output();
+    EXPECT_EQ(fileCount(), 0);
+}
+
+TEST_F(QvctlSpool, SaysAtCtrlCWhereAFileIsThatIsStillWrittenTo) {
+    const std::ofstream writer(kFile);
+    const TestAgent agent(0);
+    Shell stopped("exec qvctl spool replay");
+    EXPECT_TRUE(eventually([] { return access(kFile.c_str(), F_OK) != 0; }));
+    EXPECT_EQ(stopped.finish(SIGINT), 1);
+    EXPECT_TRUE(stopped.prints("what is left is in " + kFile + ".replay"));
+}
+
 TEST_F(QvctlSpool, StopsInTheMiddleOfLongDamageAndKeepsTheFile) {
     store("");
     std::filesystem::resize_file(kFile, uint64_t{1} << 40);

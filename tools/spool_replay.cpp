@@ -38,7 +38,7 @@ class Replay {
     explicit Replay(const ReplayOptions& options)
         : m_options(options), m_pace(options.recordsPerSecond), m_queue(options.file) {}
 
-    /// @return whether all was replayed; false when a stop was requested before.
+    /// @return whether none is left; false when a stop was requested before.
     bool run() {
         try {
             connect();
@@ -46,12 +46,13 @@ class Replay {
                 replayFile();
             }
         } catch (const AgentGone& gone) {
-            throw std::runtime_error(gone.what() + (m_reader ? "; " + leftOver() : ""));
+            throw std::runtime_error(gone.what() + leftOver());
         }
-        if (stopRequested()) {
-            std::cerr << "qvctl: stopped" << (m_reader ? "; " + leftOver() : "") << '\n';
+        const std::string left = stopRequested() ? leftOver() : "";
+        if (!left.empty()) {
+            std::cerr << "qvctl: stopped" << left << '\n';
         }
-        return !stopRequested();
+        return left.empty();
     }
 
     void report() {
@@ -84,9 +85,12 @@ class Replay {
         nanosleep(&kReconnectInterval, nullptr);
     }
 
+    /// The end of a message: where the records are that were not replayed; empty without any.
     std::string leftOver() const {
-        return "what is left is in " + m_queue.workingFile() +
-               ", and the next replay goes on there";
+        const auto parts = ReplayQueue::parts(m_options.file);
+        return parts.empty() ? ""
+                             : "; what is left is in " + parts.front().path +
+                                   ", and the next replay goes on there";
     }
 
     void startFromProgress() {
