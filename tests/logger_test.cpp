@@ -78,6 +78,17 @@ TEST_F(LoggerTest, KeepsTheFirstNameThatItTook) {
     EXPECT_EQ(m_agent.receive(100), requestBytes("app", "x", 1));
 }
 
+TEST_F(LoggerTest, TellsWhetherItLocks) {
+    EXPECT_TRUE(CLogger(kUdp).get_lock());
+    EXPECT_FALSE(CLogger(kUdp, false).get_lock());
+}
+
+TEST_F(ApplicationTest, TellsTheLogTypeOfItsStatistics) {
+    EXPECT_EQ(m_logger.get_logtype(), 0);
+    EXPECT_EQ(m_logger.set_stat(false, 5, 0, 0), 0);
+    EXPECT_EQ(m_logger.get_logtype(), 5);
+}
+
 TEST_F(ApplicationTest, SwitchesStatisticsOffAtEveryInit) {
     std::map<std::string, int> values;
     EXPECT_EQ(m_logger.set_stat(true, 5, 1, 99), 0);
@@ -171,6 +182,16 @@ TEST_F(ApplicationTest, Uses2047CharactersOfTheRewrittenFormat) {
         const std::string letters(row.letters, 'x'), format = letters + row.format;
         EXPECT_EQ(sent(QV_WRITE(1, kZero, format.c_str(), 7)), "_msg=" + letters + row.text);
     }
+}
+
+TEST_F(ApplicationTest, CountsNoSignThatKeepsAPairFromTheFormatter) {
+    const std::string letters(1850, 'x');
+    std::string pairs(80, '%'), signs;
+    for (int i = 0; i < 80; ++i) {
+        signs += "\t%";
+    }
+    EXPECT_EQ(sent(QV_WRITE(1, kZero, (letters + pairs + "END").c_str())),
+              "_msg=" + letters + signs + "END");
 }
 
 TEST_F(ApplicationTest, Sends30719CharactersOfAFormattedText) {

@@ -167,6 +167,14 @@ TEST_P(ModuleRecordTest, StandsForAsManyCallsAsTheRateSays) {
     expect("cnt=10&totaldelay=300&maxdelay=30&mindelay=30&avgdelay=30&reqLen=1000&rspLen=2000");
 }
 
+TEST_P(ModuleRecordTest, HasTotalsModulo32BitsWithTheirSign) {
+    setRate(2);
+    const Call call = CALL_WITH(call.delay = call.reqLen = call.rspLen = INT32_MAX);
+    EXPECT_EQ(send(call), 0);
+    EXPECT_EQ(send(call), 0);
+    expect("totaldelay=-2&reqLen=-2&rspLen=-2");
+}
+
 TEST_P(ModuleRecordTest, CountsNothingInBinaryAndOneInTextAtARateOf0) {
     setRate(0);
     EXPECT_EQ(send({}), 0);
@@ -191,6 +199,16 @@ TEST_P(ModuleRecordTest, IsExemptByTheLowFiveBitsOfItsResult) {
     }
 }
 
+TEST_P(ModuleRecordTest, IsSentAsOneCallWhileItsResultIsExempt) {
+    setRate(255);
+    m_logger.set_sample(5);
+    EXPECT_EQ(send({}), 0);
+    expect("cnt=1");
+    m_logger.set_sample(5);
+    EXPECT_EQ(send({}), 0);
+    EXPECT_TRUE(m_agent.isIdle());
+}
+
 TEST_P(ModuleRecordTest, IsRefusedForItsArguments) {
     const std::string tooLong(33, '1');
     const struct {
@@ -212,6 +230,12 @@ TEST_P(ModuleRecordTest, IsRefusedForItsArguments) {
         EXPECT_EQ(m_logger.get_errmsg(), "write_modulelog: " + row.text);
         EXPECT_TRUE(m_agent.isIdle());
     }
+}
+
+TEST_P(ModuleRecordTest, IsDroppedBeforeItsAddressesAreLookedAt) {
+    setRate(255);
+    EXPECT_EQ(send(CALL_WITH(call.mip = call.sip = std::string(33, '1'))), 0);
+    EXPECT_EQ(send(CALL_WITH(call.sid = 0)), 16) << "the other arguments come first";
 }
 
 TEST_P(ModuleRecordTest, IsRefusedForALongFipBeforeAllElse) {

@@ -97,6 +97,17 @@ TEST_F(SamplingTest, FindsTheSlotWhoseNameIsTheWholeName) {
     }
 }
 
+TEST_F(SamplingTest, DetachesTheTableAndLeavesItInPlace) {
+    {
+        Sampling reader;
+        init(reader);
+        init(reader);
+        EXPECT_EQ(status().shm_nattch, 2U);
+    }
+    EXPECT_EQ(status().shm_nattch, 1U);
+    EXPECT_EQ(status().shm_perm.mode, 0666) << "marked as removed";
+}
+
 TEST_F(SamplingTest, MakesTheTableWhenThereIsNone) {
     shmctl(m_id, IPC_RMID, nullptr);
     Sampling reader;
@@ -159,6 +170,15 @@ TEST_F(SamplingTest, UsesNoTableThatIsTooSmall) {
     EXPECT_FALSE(dropsAt(reader, 60));
 }
 
+TEST_F(SamplingTest, KeepsEveryRecordAfterASecondInitInVain) {
+    setRate(1, 255);
+    Sampling reader;
+    EXPECT_EQ(init(reader), 0);
+    EXPECT_EQ(init(reader, "other"), -1);
+    EXPECT_FALSE(drops(reader, 1));
+    EXPECT_EQ(reader.fetchSampling(1), 1);
+}
+
 TEST_F(SamplingTest, DropsBeforeALoggerLooksAtTheRecord) {
     setRate(1, 255);
     CLogger logger;
@@ -192,6 +212,16 @@ TEST_P(SampledLogTest, IsSentOnceInNCalls) {
     for (const bool isSent : {false, false, true, false, false, true}) {
         EXPECT_EQ(sends(), isSent);
     }
+}
+
+TEST_P(SampledLogTest, LooksForTheSlotAMinuteAfterItWasMissing) {
+    setRate(1, 255);
+    EXPECT_EQ(m_logger.init("other"), 0);
+    publish("other");
+    setRate(1, 255);
+    now = kStart + 60;
+    EXPECT_TRUE(sends());
+    EXPECT_FALSE(sends());
 }
 
 }  // namespace

@@ -186,6 +186,15 @@ TEST_F(ClientTest, GoesOnAfterSendingAPartOrNothing) {
     }
 }
 
+// The kernel rounds the 5 ms up to its ticks, of 10 ms at most.
+TEST_F(ClientTest, LimitsHowLongASendWaits) {
+    timeval limit = {1, 0};
+    socklen_t size = sizeof(limit);
+    ASSERT_EQ(send(m_client), 0);
+    ::getsockopt(connectedFd, SOL_SOCKET, SO_SNDTIMEO, &limit, &size);
+    EXPECT_TRUE(limit.tv_sec == 0 && limit.tv_usec >= 5000 && limit.tv_usec <= 10000);
+}
+
 TEST(DatagramSocketTest, TellsWhyItSentNothingAndDoesNotBackOff) {
     const FaultRow rows[] = {
         {{{"socket", kEvery, -1, EMFILE}}, "24] errmsg[Too many open files]"},
@@ -202,6 +211,24 @@ TEST(DatagramSocketTest, TellsWhyItSentNothingAndDoesNotBackOff) {
         ASSERT_EQ(send(client), 0);
         EXPECT_EQ(agent.receive(5), "hello");
     }
+}
+
+bool& noAgent(SocketClient& client);
+
+template <bool SocketClient::*Member>
+struct Revealed {
+    friend bool& noAgent(SocketClient& client) { return client.*Member; }
+};
+template struct Revealed<&SocketClient::m_noAgent>;  // an instantiation may name what is private
+
+TEST(DatagramSocketTest, SendsNothingWithoutAnAgent) {
+    const Agent agent(kUdp);
+    SocketClient client;
+    client.init(kUdp, true);
+    noAgent(client) = true;
+    EXPECT_EQ(send(client), kNoDatagram);
+    EXPECT_EQ(client.get_errmsg(), "");
+    EXPECT_TRUE(agent.isIdle());
 }
 
 TEST_F(ClientTest, RefusesWhatIsNoRequest) {

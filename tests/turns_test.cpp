@@ -156,6 +156,24 @@ TEST_F(TurnsTest, GoOnWhenAWaiterIsCancelled) {
     EXPECT_TRUE(m_agent.hasReceived(4));
 }
 
+std::atomic<bool> handlerHasForked{false};
+
+TEST_F(TurnsTest, AreNotWaitedForByAForkOfASignalHandlerInAWaiter) {
+    signal(SIGUSR1, [](int) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        handlerHasForked = true;
+    });
+    holdTurnBefore(2);
+    pthread_kill(m_waiting[1].native_handle(), SIGUSR1);
+    EXPECT_TRUE(eventually([] { return handlerHasForked.load(); }));
+    releaseTurn();
+    EXPECT_EQ(m_codes[0], 3);
+}
+
 TEST_F(TurnsTest, LetAForkPassAndAreFreeInItsChild) {
     writeOnThreads(2000);
     for (int i = 0; i < 20; ++i) {
