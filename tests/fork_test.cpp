@@ -176,10 +176,11 @@ TEST_P(ForkInHandlerTest, WaitsForNothingAndLeavesTheInterruptedCallWhole) {
     EXPECT_TRUE(agent.hasReceived(fails ? 0 : 2));
 }
 
-std::atomic<bool> isInside{false};  ///< a thread lingers in a call
+std::atomic<bool> hasEntered{false}, isInside{false};  ///< a thread, the call that it lingers in
 
 void linger() {
     isInside = true;
+    hasEntered = true;
     usleep(50000);
     isInside = false;
 }
@@ -234,13 +235,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(ForkBesideCallTest, WaitsForItsEnd) {
     now = 1000;
+    hasEntered = false;
     makeFallbackDirectory();
     const TestAgent agent(kUnix);
     std::thread other([] {
         interruption = {GetParam().function, linger};
         GetParam().makeCall();
     });
-    EXPECT_TRUE(eventually([] { return isInside.load(); }));
+    EXPECT_TRUE(eventually([] { return hasEntered.load(); }));
     awaitChild(runInChild([] { EXPECT_FALSE(isInside); }));
     other.join();
 }
