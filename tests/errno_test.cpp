@@ -71,15 +71,5 @@ TEST_F(ErrnoTest, OutlivesStatistics) {
     }
 }
 
-TEST_F(ErrnoTest, OutlivesWhatOnlyTellsOrConverts) {
-    char* request = nullptr;
-    int length = 0;
-    EXPECT_EQ(m_module.write_baselog("x", 1, 1, 0, 1), 13);
-    QV_KEEPS_ERRNO(m_module.get_errmsg());
-    QV_KEEPS_ERRNO(m_module.encode(m_text, m_text));
-    QV_KEEPS_ERRNO(m_module.pack_send_buff(request, length, "x", 1, 1, 0, 1));
-    delete[] request;
-}
-
 }  // namespace
 }  // namespace Quorvel
