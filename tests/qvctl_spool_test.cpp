@@ -195,6 +195,14 @@ TEST_F(QvctlSpool, WaitsForTheAgentIfAskedTo) {
     EXPECT_TRUE(hasRead(agent, "a b "));
 }
 
+TEST_F(QvctlSpool, NamesTheRecordThatTheAgentRefuses) {
+    const std::string refused = record(std::string((64 << 20) + 1, 'x'));
+    store(record("taken") + refused);
+    const Listen agent;
+    run("qvctl spool replay", 1,
+        "the " + std::to_string(refused.size()) + " bytes at byte 30 of " + kFile + ".replay");
+}
+
 TEST_F(QvctlSpool, PausesBeforeItConnectsAgain) {
     store(record("a"));
     const int agent = openEndpoint(0);

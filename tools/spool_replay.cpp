@@ -70,16 +70,21 @@ class Replay {
         while (!m_connection) {
             try {
                 m_connection.emplace(m_options.transport);
-            } catch (const AgentGone&) {
-                awaitAgent();
+            } catch (const AgentGone& gone) {
+                awaitAgent(gone);
             }
         }
     }
 
-    /// Where an AgentGone was caught: throws it on, unless it is time to connect again.
-    void awaitAgent() {
+    /// Throws `gone` on without --wait; with it, says what it says, once, and waits a while.
+    void awaitAgent(const AgentGone& gone) {
         if (!m_options.waitsForAgent || stopRequested()) {
-            throw;
+            throw gone;
+        }
+        if (gone.what() != m_lastReason) {
+            m_lastReason = gone.what();
+            m_line.clear();
+            std::cerr << "qvctl: " << m_lastReason << "; trying again\n";
         }
         m_connection.reset();
         nanosleep(&kReconnectInterval, nullptr);
@@ -91,6 +96,16 @@ class Replay {
         return parts.empty() ? ""
                              : "; what is left is in " + parts.front().path +
                                    ", and the next replay goes on there";
+    }
+
+    /// The end of a message: what the agent did not read; empty if it was sent nothing.
+    std::string unread() const {
+        if (m_handled == m_queue.progress()) {
+            return "";
+        }
+        return "; it did not read all of the " + std::to_string(m_handled - m_queue.progress()) +
+               " bytes at byte " + std::to_string(m_queue.progress()) + " of " +
+               m_queue.workingFile();
     }
 
     void startFromProgress() {
@@ -107,8 +122,8 @@ class Replay {
         for (bool isDone = false; !isDone && !stopRequested();) {
             try {
                 isDone = sendNext() && m_queue.removeFile(m_handled);
-            } catch (const AgentGone&) {
-                awaitAgent();
+            } catch (const AgentGone& gone) {
+                awaitAgent(AgentGone(gone.what() + unread()));
                 connect();
                 startFromProgress();
             }
@@ -152,13 +167,13 @@ class Replay {
         }
         m_pace.await();
         m_pace.count();
+        m_handled = m_reader->end();
         if (length <= kBatchSize) {
             m_batch.append(whole(m_reader->request(0, length), length));
         } else {
             sendInPieces(length);
         }
         m_unread.add({1, length});
-        m_handled = m_reader->end();
     }
 
     void sendInPieces(size_t length) {
@@ -208,11 +223,12 @@ class Replay {
     std::optional<SpoolReader> m_reader;
     std::string m_batch;        // requests to be sent together
     Amount m_unread;            // of the batch, and of a longer request sent on its own
-    uint64_t m_handled = 0;     // offset behind what was added to the batch or was damaged
+    uint64_t m_handled = 0;     // offset behind what was sent or added to the batch, or was damaged
     uint64_t m_damageKept = 0;  // offset behind the damage that was kept already
     Amount m_replayed;
     uint64_t m_damage = 0;
-    bool m_isSaid = false;  // that the agent lets this wait
+    std::string m_lastReason;  // for waiting for the agent
+    bool m_isSaid = false;     // that the agent lets this wait
 };
 
 }  // namespace
