@@ -186,21 +186,31 @@ TEST_F(SamplingTest, DropsBeforeALoggerLooksAtTheRecord) {
     EXPECT_EQ(logger.write_baselog(nullptr, UINT32_MAX, 1, 2, 1), 0);
 }
 
-TEST_F(SamplingTest, LetsEachFormOfABaseLogSendOneInN) {
+int writeRaw(CLogger& logger) { return logger.write_baselog("data", 4, 1, 0, 1); }
+int writeString(CLogger& logger) { return logger.write_baselog(1, "data", false, 1); }
+int writeFormatted(CLogger& logger) { return logger.write_baselog(1, 1U, "%s", "data"); }
+
+/// Each form of a base log, under the rates of the table.
+class SampledLogTest : public SamplingTest,
+                       public testing::WithParamInterface<int (*)(CLogger& logger)> {
+ protected:
+    /// Whether a record is sent, where none may fail.
+    bool sends() {
+        EXPECT_EQ(GetParam()(m_logger), 0);
+        return m_agent.takeDatagram();
+    }
+
+    Agent m_agent{kUdp};
+    CLogger m_logger{kUdp};
+};
+
+INSTANTIATE_TEST_SUITE_P(, SampledLogTest, testing::Values(writeRaw, writeString, writeFormatted));
+
+TEST_P(SampledLogTest, IsSentOnceInNCalls) {
     setRate(1, 3);
-    Agent agent{kUdp};
-    const std::function<int(CLogger&)> forms[] = {
-        [](CLogger& logger) { return logger.write_baselog("data", 4, 1, 0, 1); },
-        [](CLogger& logger) { return logger.write_baselog(1, "data", false, 1); },
-        [](CLogger& logger) { return logger.write_baselog(1, 1U, "%s", "data"); },
-    };
-    for (const auto& write : forms) {
-        CLogger logger{kUdp};
-        EXPECT_EQ(logger.init("app"), 0);
-        for (const bool isSent : {false, false, true, false, false, true}) {
-            EXPECT_EQ(write(logger), 0);
-            EXPECT_EQ(agent.takeDatagram(), isSent);
-        }
+    EXPECT_EQ(m_logger.init("app"), 0);
+    for (const bool isSent : {false, false, true, false, false, true}) {
+        EXPECT_EQ(sends(), isSent);
     }
 }
 
