@@ -5,6 +5,9 @@
 #include <utility>
 
 #include "qvapi_cpp.h"
+#include "qvapi_sampling.h"
+#include "sampling_table.h"
+#include "socket_client.h"
 #include "support.h"
 
 // An allocator that changes errno, as the C library's may.
@@ -69,6 +72,34 @@ TEST_F(ErrnoTest, OutlivesStatistics) {
             QV_KEEPS_ERRNO(m_application.write_statlogs(m_text, m_values, 1, timestamp));
         }
     }
+}
+
+TEST_F(ErrnoTest, OutlivesWhatOnlyTellsOrConverts) {
+    char* request = nullptr;
+    int length = 0;
+    EXPECT_EQ(m_module.write_baselog("x", 1, 1, 0, 1), 13);
+    QV_KEEPS_ERRNO(m_module.get_errmsg());
+    QV_KEEPS_ERRNO(m_module.encode(m_text, m_text));
+    QV_KEEPS_ERRNO(m_module.pack_send_buff(request, length, "x", 1, 1, 0, 1));
+    delete[] request;
+}
+
+TEST_F(ErrnoTest, OutlivesTransport) {
+    std::optional<SocketClient> client;
+    QV_KEEPS_ERRNO(&client.emplace());
+    QV_KEEPS_ERRNO(client->init(kUnix, true));
+    QV_KEEPS_ERRNO(client->sendWithoutRecv(nullptr, 0, true));
+    QV_KEEPS_ERRNO(client->sendWithoutRecv(m_text.data(), 1, true));
+    QV_KEEPS_ERRNO(client->get_errmsg());
+    QV_KEEPS_ERRNO((client.reset(), 0));
+}
+
+TEST_F(ErrnoTest, OutlivesSampling) {
+    std::optional<Sampling> sampling;
+    QV_KEEPS_ERRNO(&sampling.emplace());
+    QV_KEEPS_ERRNO(sampling->init(m_text, kSamplingKey, 102800));
+    QV_KEEPS_ERRNO(sampling->needFilter(1));
+    QV_KEEPS_ERRNO((sampling.reset(), 0));
 }
 
 }  // namespace
