@@ -99,5 +99,15 @@ TEST(Qvctl, SaysThatAStandardStreamIsClosedOrFull) {
     run("qvctl send app <&-", 1, "cannot read standard input: Bad file descriptor\n");
 }
 
+TEST(Qvctl, KeepsSocketsOffTheNumbersOfClosedStreams) {
+    const Shell listen("exec qvctl listen <&- 2>&-");
+    for (const std::string stream : {"0", "2"}) {
+        const std::string link = "/proc/" + std::to_string(listen.pid()) + "/fd/" + stream;
+        std::error_code missing;
+        EXPECT_TRUE(
+            eventually([&] { return std::filesystem::read_symlink(link, missing) == "/"; }));
+    }
+}
+
 }  // namespace
 }  // namespace Quorvel
