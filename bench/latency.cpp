@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -12,6 +13,7 @@
 
 #include "agent.h"
 #include "qvapi_cpp.h"
+#include "raw_append.h"
 #include "rows.h"
 
 namespace bench {
@@ -23,12 +25,11 @@ const auto kDuration = std::chrono::seconds(8);
 
 enum class Health { kHealthy, kSlow, kStopped, kAway };
 
-std::vector<double> timeCalls(Quorvel::CLogger& logger) {
-    const std::string body(100, 'x');
+std::vector<double> timeCalls(const std::function<void()>& call) {
     std::vector<double> times;
     for (const auto end = Clock::now() + kDuration;;) {
         const auto start = Clock::now();
-        logger.write_baselog(body.data(), 100, 5, 0, 1400000000);
+        call();
         const auto finished = Clock::now();
         times.push_back(std::chrono::duration<double, std::micro>(finished - start).count());
         if (finished >= end) {
@@ -38,30 +39,27 @@ std::vector<double> timeCalls(Quorvel::CLogger& logger) {
     return times;
 }
 
+std::string threadsOf(int threads) {
+    return ", " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+}
+
 double percentile(const std::vector<double>& sorted, double part) {
     return sorted[static_cast<size_t>(part * static_cast<double>(sorted.size() - 1))];
 }
 
-void run(benchmark::State& state, Health health, int threads) {
+void removeFallbackFile() {
     std::filesystem::create_directories("/data/qvagent");
     std::filesystem::remove("/data/qvagent/msgdat.dat");
-    std::filesystem::remove("/data/container2host/cqv");
-    std::unique_ptr<Agent> agent;
-    if (health != Health::kAway) {
-        agent = std::make_unique<Agent>(health == Health::kSlow ? Pace::kSlow : Pace::kDiscard);
-    }
-    if (health == Health::kStopped) {
-        agent->stop();
-    }
-    Quorvel::CLogger logger;
-    logger.init("benchmark");
+}
+
+void run(benchmark::State& state, int threads, const std::function<void()>& call) {
     std::vector<std::vector<double>> measured(static_cast<size_t>(threads));
     for (auto iteration : state) {
         (void)iteration;
         std::vector<std::thread> writers;
         writers.reserve(measured.size());
         for (auto& times : measured) {
-            writers.emplace_back([&] { times = timeCalls(logger); });
+            writers.emplace_back([&] { times = timeCalls(call); });
         }
         for (std::thread& writer : writers) {
             writer.join();
@@ -79,6 +77,28 @@ void run(benchmark::State& state, Health health, int threads) {
     state.counters["worst_us"] = times.back();
 }
 
+void runLogger(benchmark::State& state, Health health, int threads) {
+    removeFallbackFile();
+    std::filesystem::remove("/data/container2host/cqv");
+    std::unique_ptr<Agent> agent;
+    if (health != Health::kAway) {
+        agent = std::make_unique<Agent>(health == Health::kSlow ? Pace::kSlow : Pace::kDiscard);
+    }
+    if (health == Health::kStopped) {
+        agent->stop();
+    }
+    Quorvel::CLogger logger;
+    logger.init("benchmark");
+    const std::string body(100, 'x');
+    run(state, threads, [&] { logger.write_baselog(body.data(), 100, 5, 0, 1400000000); });
+}
+
+void runRawAppend(benchmark::State& state, int threads) {
+    removeFallbackFile();
+    const std::string record(131, 'x');
+    run(state, threads, [&] { appendByHand(record); });
+}
+
 }  // namespace
 
 void addLatencyRows() {
@@ -89,11 +109,13 @@ void addLatencyRows() {
         {Health::kAway, "no agent"}};
     for (const auto& [health, text] : kinds) {
         for (const int threads : {1, 8}) {
-            const std::string name = "one call, " + std::string(text) + ", " +
-                                     std::to_string(threads) +
-                                     (threads == 1 ? " thread" : " threads");
-            benchmark::RegisterBenchmark(name.c_str(), run, health, threads)->Iterations(1);
+            const std::string name = "one call, " + std::string(text) + threadsOf(threads);
+            benchmark::RegisterBenchmark(name.c_str(), runLogger, health, threads)->Iterations(1);
         }
+    }
+    for (const int threads : {1, 8}) {
+        const std::string name = "for comparison: the fallback append alone" + threadsOf(threads);
+        benchmark::RegisterBenchmark(name.c_str(), runRawAppend, threads)->Iterations(1);
     }
 }
 

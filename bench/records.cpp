@@ -1,9 +1,7 @@
 // What a record costs, each row beside the raw send of as many bytes (or what the row names), in
 // turns of short slices.
-#include <fcntl.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -25,6 +23,7 @@
 #include "paired.h"
 #include "qvapi_cpp.h"
 #include "qvapi_sampling.h"
+#include "raw_append.h"
 #include "rows.h"
 
 namespace bench {
@@ -301,22 +300,6 @@ void addStatistics() {
                             },
                             [] {}};
             }});
-}
-
-void appendByHand(const std::string& record) {
-    const char* const path = "/data/qvagent/msgdat.dat";
-    struct stat status = {};
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        fstat(fd, &status);
-        close(fd);
-    }
-    fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    fchmod(fd, 0666);
-    if (write(fd, record.data(), record.size()) < 0) {
-        std::abort();
-    }
-    close(fd);
 }
 
 void addAgentAway() {

@@ -71,6 +71,7 @@ FallbackFile::FallbackFile(const char* name, int flags)
     }
     if (m_fd >= 0) {
         m_size = status.st_size;
+        m_mode = status.st_mode;
     }
 }
 
@@ -81,7 +82,9 @@ FallbackFile::~FallbackFile() {
 }
 
 void FallbackFile::append(const char* data, size_t length) const {
-    fchmod(m_fd, 0666);
+    if ((m_mode & 07777) != 0666) {
+        fchmod(m_fd, 0666);
+    }
     const ssize_t written =
         m_limit == RLIM_INFINITY ? writeWhole(m_fd, data, length) : writeWithinLimit(data, length);
     QVAPI_PROBE(fallback, static_cast<unsigned int>(length),

@@ -38,6 +38,7 @@ class FallbackFile {
     const ReadGuard m_shared;
     const WriteGuard m_alone;
     off_t m_size = 0;
+    mode_t m_mode = 0;
     int m_fd;
 };
 
