@@ -59,6 +59,11 @@ TEST_F(QvctlSpool, TellsWhatAFileHolds) {
               "app type 5: 2 records, 8 bytes\nb type 7: 1 records, 4 bytes\n");
 }
 
+TEST_F(QvctlSpool, CountsNoRecordThatIsInTheBodyOfAnother) {
+    store(record("a") + record(record("b") + record("c") + record("d")) + "junk" + record("e"));
+    run("qvctl spool info --json", 0, R"({"bytes":159,"records":3,"skippedBytes":4,)");
+}
+
 TEST_F(QvctlSpool, PrintsTheRecordsThatMeetEveryFilter) {
     store(record("a", "x", 1, 1000) + record("b", "y", 2, 1001) + record("c=d", "[y,z]", 9, 1002));
     const struct {

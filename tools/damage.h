@@ -4,6 +4,8 @@
 #include <stdint.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Quorvel {
 
@@ -12,6 +14,8 @@ class Damage {
  public:
     /// Counts `length` bytes at `offset`; none do not count.
     void add(uint64_t offset, uint64_t length);
+    /// Counts what lies behind all that was counted here.
+    void add(const Damage& behind);
 
     uint64_t bytes() const { return m_bytes; }
 
@@ -21,7 +25,7 @@ class Damage {
  private:
     uint64_t m_bytes = 0;
     uint64_t m_places = 0;
-    std::string m_firstPlaces;
+    std::vector<std::pair<uint64_t, uint64_t>> m_firstPlaces;  // offset and length
 };
 
 }  // namespace Quorvel

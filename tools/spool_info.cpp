@@ -1,6 +1,9 @@
 #include "spool_info.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <future>
 
 #include "json_writer.h"
 #include "local_time.h"
@@ -16,20 +19,48 @@ std::string describe(const Tally::Amount& amount) {
 
 }  // namespace
 
+// A record that is found from the middle on may be one that another holds in its body: what is
+// behind it counts only where the records from the beginning on lead to it.
 SpoolInfo::SpoolInfo(int fd) {
-    SpoolReader reader(fd);
+    struct stat status {};
+    fstat(fd, &status);
+    SpoolReader middle(fd, static_cast<uint64_t>(status.st_size) / 2);
+    middle.next();
+    const uint64_t meeting = middle.begin();
+    SpoolInfo behind;
+    auto counted = std::async(std::launch::async, [&] { behind.count(fd, meeting, UINT64_MAX); });
+    if (count(fd, 0, meeting)) {
+        counted.get();
+        add(behind);
+    }
+}
+
+bool SpoolInfo::count(int fd, uint64_t begin, uint64_t end) {
+    SpoolReader reader(fd, begin);
     while (reader.next()) {
+        if (reader.skipped() > 0) {
+            m_damage.add(reader.begin() - reader.skipped(), reader.skipped());
+        }
+        if (reader.begin() == end) {
+            return true;
+        }
         const SpoolHead& head = reader.head();
         const size_t bodyLength = reader.requestLength() - kPrefixLength - head.nameLength;
         m_tally.add(reader.application(), head.logType(), bodyLength);
         m_oldest = std::min(m_oldest, head.timestamp());
         m_newest = std::max(m_newest, head.timestamp());
-        if (reader.skipped() > 0) {
-            m_damage.add(reader.begin() - reader.skipped(), reader.skipped());
-        }
     }
     m_damage.add(reader.begin() - reader.skipped(), reader.skipped());
     m_bytes = reader.begin();
+    return false;
+}
+
+void SpoolInfo::add(const SpoolInfo& behind) {
+    m_bytes = behind.m_bytes;
+    m_tally.add(behind.m_tally);
+    m_damage.add(behind.m_damage);
+    m_oldest = std::min(m_oldest, behind.m_oldest);
+    m_newest = std::max(m_newest, behind.m_newest);
 }
 
 void SpoolInfo::printReadable(const std::string& path, Output& output) const {

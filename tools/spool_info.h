@@ -9,7 +9,7 @@
 
 namespace Quorvel {
 
-/// What a file in the fallback file's format holds.
+/// What a file in the fallback file's format holds. Two threads look at a half each.
 class SpoolInfo {
  public:
     /// @param fd a regular file.
@@ -19,7 +19,15 @@ class SpoolInfo {
     void printJson(Output& output) const;
 
  private:
-    uint64_t m_bytes;
+    SpoolInfo() = default;
+
+    /// Counts what is in a file from `begin` on, up to the file's end or a record at `end`.
+    /// @return whether one begins there.
+    bool count(int fd, uint64_t begin, uint64_t end);
+    /// Counts what lies behind all that was counted here.
+    void add(const SpoolInfo& behind);
+
+    uint64_t m_bytes = 0;
     Tally m_tally;
     Damage m_damage;
     uint32_t m_oldest = UINT32_MAX;

@@ -43,6 +43,14 @@ void Tally::add(std::string_view application, uint8_t logType, uint64_t bytes) {
     }
 }
 
+void Tally::add(const Tally& other) {
+    for (const auto& [key, amount] : other.m_amounts) {
+        entry(key.first, key.second)->second.add(amount);
+    }
+    m_total.add(other.m_total);
+    m_others.add(other.m_others);
+}
+
 std::vector<Tally::Row> Tally::rows() const {
     std::vector<Row> rows;
     for (const auto& [key, amount] : m_amounts) {

@@ -21,6 +21,8 @@ namespace Quorvel {
 class Tally {
  public:
     Tally() { m_recent.fill(m_amounts.end()); }
+    Tally(const Tally&) = delete;
+    Tally& operator=(const Tally&) = delete;
 
     struct Amount {
         uint64_t records = 0;
@@ -38,6 +40,7 @@ class Tally {
     }
     /// @param bytes of the record's body.
     void add(std::string_view application, uint8_t logType, uint64_t bytes);
+    void add(const Tally& other);
 
     const Amount& total() const { return m_total; }
     const Amount& others() const { return m_others; }
