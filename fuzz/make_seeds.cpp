@@ -6,8 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "agent_address.h"
 #include "descriptor.h"

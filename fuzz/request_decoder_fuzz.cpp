@@ -1,6 +1,5 @@
 // The requests of a stream are the same however it was split into reads: the input's first byte is
 // the length of the pieces, the rest the stream.
-#include <string>
 #include <vector>
 
 #include "fuzzing.h"

@@ -1,7 +1,5 @@
 // In a file of any bytes the records found are whole, and together with what was skipped they are
 // the file.
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include "fuzzing.h"
 #include "request_decoder.h"

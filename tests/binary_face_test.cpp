@@ -1,12 +1,6 @@
-#include <gtest/gtest.h>
-#include <pthread.h>
-
-#include <map>
-
-#include "qvapi_cpp.h"
 #include "qvapi_sampling.h"
 #include "socket_client.h"
-#include "test_agent.h"
+#include "support.h"
 
 namespace Quorvel {
 namespace {

@@ -1,8 +1,3 @@
-#include <algorithm>
-#include <map>
-#include <memory>
-
-#include "qvapi_cpp.h"
 #include "support.h"
 
 namespace Quorvel {

@@ -1,11 +1,5 @@
-#include <stdlib.h>
-
-#include <new>
 #include <optional>
-#include <utility>
 
-#include "qvapi_cpp.h"
-#include "qvapi_sampling.h"
 #include "sampling_table.h"
 #include "socket_client.h"
 #include "support.h"

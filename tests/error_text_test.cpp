@@ -1,8 +1,5 @@
-#include <algorithm>
 #include <array>
-#include <cstdio>
 
-#include "qvapi_cpp.h"
 #include "socket_client.h"
 #include "support.h"
 

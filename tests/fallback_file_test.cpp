@@ -4,10 +4,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
-#include <new>
-#include <utility>
-
-#include "qvapi_cpp.h"
 #include "support.h"
 
 namespace {

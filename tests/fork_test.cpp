@@ -1,13 +1,8 @@
 #include <sys/shm.h>
 
-#include <algorithm>
 #include <cstring>
 #include <deque>
-#include <map>
-#include <memory>
-#include <tuple>
 
-#include "qvapi_cpp.h"
 #include "qvapi_sampling.h"
 #include "socket_client.h"
 #include "support.h"

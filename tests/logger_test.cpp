@@ -1,6 +1,5 @@
 #include <limits.h>
 
-#include "qvapi_cpp.h"
 #include "request_bytes.h"
 #include "support.h"
 

@@ -1,10 +1,6 @@
-#include <string.h>
-#include <sys/shm.h>
-
 #include <sstream>
 
 #include "modulemsg.h"
-#include "qvapi_cpp.h"
 #include "request_bytes.h"
 #include "sampling_table.h"
 #include "support.h"

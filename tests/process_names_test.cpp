@@ -1,8 +1,3 @@
-#include <dlfcn.h>
-
-#include <algorithm>
-
-#include "qvapi_cpp.h"
 #include "support.h"
 
 // The application's own, under names that the library exports too.

@@ -1,8 +1,5 @@
-#include <sys/shm.h>
-
 #include <cstring>
 
-#include "qvapi_sampling.h"
 #include "qvctl_shell.h"
 #include "sampling_table.h"
 

@@ -5,9 +5,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <fstream>
-#include <string>
-
 #include "test_agent.h"
 
 namespace Quorvel {

@@ -1,8 +1,3 @@
-#include <string.h>
-#include <sys/shm.h>
-
-#include "qvapi_cpp.h"
-#include "qvapi_sampling.h"
 #include "sampling_table.h"
 #include "support.h"
 

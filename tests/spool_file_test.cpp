@@ -1,11 +1,6 @@
 #include "spool_file.h"
 
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <vector>
 
 #include "request_bytes.h"
 #include "test_agent.h"

@@ -1,7 +1,3 @@
-#include <map>
-#include <memory>
-
-#include "qvapi_cpp.h"
 #include "support.h"
 
 namespace {

@@ -6,18 +6,14 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
 
-#include <fstream>
 #include <functional>
-#include <map>
 #include <memory>
 
-#include "host_paths.h"
 #include "qvapi_cpp.h"
 #include "test_agent.h"
 

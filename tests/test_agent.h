@@ -2,9 +2,7 @@
 #define QUORVEL_TEST_AGENT_H
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 

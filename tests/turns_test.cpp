@@ -2,10 +2,8 @@
 #include <stdarg.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
 #include <array>
 
-#include "qvapi_cpp.h"
 #include "support.h"
 
 namespace {
