@@ -187,20 +187,5 @@ TEST(StalledAgentTest, TakesABufferFullThenFailsOnceAndIsLeftAlone) {
     EXPECT_EQ(fallbackRecords().size(), codes.end() - firstFailure);
 }
 
-TEST(FullBacklogTest, GivesAWriteError) {
-    std::vector<int> sockets = {openEndpoint(kUnix, 0)};
-    const auto* address = reinterpret_cast<const sockaddr*>(&kUnixAddress);
-    do {
-        sockets.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    } while (connect(sockets.back(), address, sizeof(kUnixAddress)) == 0);
-    CLogger logger(kUnix);
-    EXPECT_EQ(logger.init(kName), 0);
-    EXPECT_EQ(logger.write_baselog(LT_NORMAL, "body", false, 1), 8);
-    EXPECT_EQ(logger.get_errmsg(), "sendWithoutRecv buff length 28, write res 0");
-    for (const int fd : sockets) {
-        close(fd);
-    }
-}
-
 }  // namespace
 }  // namespace Quorvel

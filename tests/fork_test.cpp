@@ -139,8 +139,6 @@ TEST_P(ForkedSocketTest, StaysTheParents) {
     EXPECT_EQ(m_agent.conversations().size(), 1U);
 }
 
-std::atomic<int> handlersChild{0};  ///< the status of the child that a signal handler forked
-
 class ForkInHandlerTest : public testing::TestWithParam<const char*> {};
 
 INSTANTIATE_TEST_SUITE_P(, ForkInHandlerTest,
@@ -152,15 +150,7 @@ TEST_P(ForkInHandlerTest, WaitsForNothingAndLeavesTheInterruptedCallWhole) {
     const bool fails = GetParam() == std::string("write");
     CLogger logger(fails ? kTcp : kUnix);
     ASSERT_EQ(logger.init("app"), 0);
-    signal(SIGUSR1, [](int) {
-        const pid_t child = fork();
-        if (child == 0) {
-            _exit(42);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        handlersChild = WEXITSTATUS(status);
-    });
+    signal(SIGUSR1, forkInHandler);
     handlersChild = 0;
     interruption = {GetParam(), [] { raise(SIGUSR1); }};
     EXPECT_EQ(logger.write_baselog(1, "interrupted", false, 1), fails ? 7 : 0);
@@ -186,10 +176,7 @@ void writeRecord(int8_t transport) {
     logger.write_baselog(1, "body", false, 1);
 }
 
-void leaveLoggersErrorText() {
-    CLogger logger;
-    logger.write_baselog(1, "body", false, 1);
-}
+void leaveLoggersErrorText() { CLogger().write_baselog(1, "body", false, 1); }
 
 void leaveClientsErrorText() {
     SocketClient client;
@@ -283,14 +270,21 @@ class ForkStressTest : public ForkThreadTest {
     ForkStressTest() {
         now = 0;
         makeFallbackDirectory();
-        for (auto& logger : m_loggers) {
-            logger = std::make_unique<CLogger>();
-            EXPECT_EQ(logger->init("app"), 0);
+        for (CLogger& logger : m_loggers) {
+            EXPECT_EQ(logger.init("app"), 0);
         }
-        EXPECT_EQ(m_loggers[0]->set_stat(true, kStatistics, 1, 99), 0);
+        EXPECT_EQ(m_loggers[0].set_stat(true, kStatistics, 1, 99), 0);
         for (char name = 'a'; name <= 'z'; ++name) {
             m_values[std::string(1, name)] = 1;
         }
+    }
+
+    /// Whether every closed batch has been written but the last, which may be in hand.
+    static bool hasEmptyQueue(CLogger& logger) {
+        pthread_rwlock_rdlock(&logger.m_queue_lock);
+        const bool isEmpty = logger.m_stat_log_queues.empty();
+        pthread_rwlock_unlock(&logger.m_queue_lock);
+        return isEmpty;
     }
 
     static std::string bodyOf(int writer, int number) {
@@ -298,20 +292,12 @@ class ForkStressTest : public ForkThreadTest {
                std::string(number % 300, '.');
     }
 
-    void runThread(int number) {
-        if (number < kWriters) {
-            writeRecords(number);
-        } else {
-            merge();
-        }
-    }
-
     /// The first writes each record over a logger of its own.
     void writeRecords(int writer) {
         for (; !m_done; ++m_written[writer]) {
             CLogger own;
             own.init("app");
-            CLogger& logger = writer == 0 ? own : *m_loggers[writer % 2];
+            CLogger& logger = writer == 0 ? own : m_loggers[writer % 2];
             logger.write_baselog(0, bodyOf(writer, m_written[writer]), false, 1);
             usleep(200);
         }
@@ -320,7 +306,7 @@ class ForkStressTest : public ForkThreadTest {
     /// Pauses now and then with a batch open, which a child then inherits.
     void merge() {
         for (unsigned int n = 0; !m_done; ++n) {
-            m_loggers[0]->write_statlogs("merged " + std::to_string(n % 50), m_values, 1, n / 2000);
+            m_loggers[0].write_statlogs("merged " + std::to_string(n % 50), m_values, 1, n / 2000);
             if (n % 500 == 0) {
                 usleep(5000);
             }
@@ -330,13 +316,12 @@ class ForkStressTest : public ForkThreadTest {
     void useLoggersInChild(int number) {
         EXPECT_EQ(connectedSocket(), kNoSocket);
         const std::string name = childName(number);
-        EXPECT_LE(m_loggers[number % 2]->write_baselog(0, name, false, 1), 8);
+        EXPECT_LE(m_loggers[number % 2].write_baselog(0, name, false, 1), 8);
         for (const char* const text : {name.c_str(), "closes", "is never written"}) {
-            EXPECT_EQ(m_loggers[0]->write_statlogs(text, m_values, 0, ++m_childsTime), 0);
+            EXPECT_EQ(m_loggers[0].write_statlogs(text, m_values, 0, ++m_childsTime), 0);
         }
-        EXPECT_TRUE(eventually([this] { return hasEmptyQueue(*m_loggers[0]); }));
-        m_loggers[0].reset();
-        m_loggers[1].reset();
+        EXPECT_TRUE(eventually([this] { return hasEmptyQueue(m_loggers[0]); }));
+        m_loggers.clear();
     }
 
     static std::string childName(int number) { return "child " + std::to_string(number); }
@@ -364,7 +349,7 @@ class ForkStressTest : public ForkThreadTest {
     }
 
     TestAgent m_agent{kUnix};
-    std::unique_ptr<CLogger> m_loggers[2];
+    std::deque<CLogger> m_loggers{2};
     std::map<std::string, int> m_values;
     std::atomic<bool> m_done{false};
     std::atomic<int> m_written[kWriters] = {};
@@ -374,7 +359,8 @@ class ForkStressTest : public ForkThreadTest {
 TEST_F(ForkStressTest, LeavesEveryChildUsableLoggersAndLosesNoRecord) {
     const int kForks = 500;
     const size_t kAlive = 50;
-    std::thread threads([this] { onThreads(kWriters + 1, [this](int n) { runThread(n); }); });
+    std::thread merges([this] { merge(); });
+    std::thread writes(onThreads, kWriters, [this](int writer) { writeRecords(writer); });
     std::deque<pid_t> children;
     for (int number = 0; number < kForks; ++number) {
         children.push_back(runInChild([&] { useLoggersInChild(number); }));
@@ -385,9 +371,9 @@ TEST_F(ForkStressTest, LeavesEveryChildUsableLoggersAndLosesNoRecord) {
     }
     std::for_each(children.begin(), children.end(), awaitChild);
     m_done = true;
-    threads.join();
-    m_loggers[0].reset();
-    m_loggers[1].reset();
+    merges.join();
+    writes.join();
+    m_loggers.clear();
     EXPECT_TRUE(eventually([&] { return m_agent.openConnections() == 0; }));
     auto written = writtenRecords();
     for (int number = 0; number < kForks; ++number) {

@@ -2,23 +2,11 @@
 #define QUORVEL_QVCTL_SHELL_H
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "test_agent.h"
 
 namespace Quorvel {
-
-inline std::string contents(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-/// The permissions of a file, or 0 where there is none.
-inline unsigned int modeOf(const std::string& path) {
-    struct stat status = {};
-    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
-}
 
 /// A shell that runs qvctl, with all that it prints in a file.
 class Shell {

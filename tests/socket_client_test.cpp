@@ -118,10 +118,7 @@ class ClientTest : public testing::Test {
     SocketClient m_client;
 };
 
-struct FaultRow {
-    std::vector<Fault> faults;
-    std::string text;
-};
+using FaultRow = std::pair<std::vector<Fault>, std::string>;
 
 TEST(ConnectingTest, TellsWhichStepFailedAndClosesTheSocket) {
     const std::string timeout = "syncConnect connect timeout. ";
@@ -143,13 +140,13 @@ TEST(ConnectingTest, TellsWhichStepFailedAndClosesTheSocket) {
         {{kPending, {"poll", kEvery, 1, 0, POLLHUP}}, "POLL except error,ret:[1], fd:[" + fd + "]"},
         {{{"connect", kEvery, 0}, {"fcntl", 4, -1, EBADF}}, "setblock error:-1"},
     };
-    for (const FaultRow& row : rows) {
-        SCOPED_TRACE(row.text);
+    for (const auto& [told, text] : rows) {
+        SCOPED_TRACE(text);
         SocketClient client;
         client.init(kUnix, true);
         const ptrdiff_t files = openFiles();
-        EXPECT_EQ(send(client, row.faults), kNotConnected);
-        EXPECT_EQ(client.get_errmsg(), row.text);
+        EXPECT_EQ(send(client, told), kNotConnected);
+        EXPECT_EQ(client.get_errmsg(), text);
         EXPECT_EQ(openFiles(), files);
     }
 }
@@ -179,6 +176,11 @@ TEST_F(ClientTest, TellsHowMuchWasSentAndCloses) {
     EXPECT_EQ(openFiles(), files);
 }
 
+TEST_F(ClientTest, SendsInVainWhereTheBacklogIsFull) {
+    EXPECT_EQ(send(m_client, {{"connect", kEvery, -1, EAGAIN}}), kNotWritten);
+    EXPECT_EQ(m_client.get_errmsg(), "sendWithoutRecv buff length 5, write res 0");
+}
+
 TEST_F(ClientTest, GoesOnAfterSendingAPartOrNothing) {
     for (const int sent : {2, 0}) {
         ASSERT_EQ(send(m_client, {{"send", 1, sent}}), 0);
@@ -203,11 +205,11 @@ TEST(DatagramSocketTest, TellsWhyItSentNothingAndDoesNotBackOff) {
         {{{"send", kEvery, -1, ECONNREFUSED}}, "111] errmsg[Connection refused]"},
     };
     Agent agent(kUdp);
-    for (const FaultRow& row : rows) {
+    for (const auto& [told, text] : rows) {
         SocketClient client;
         client.init(kUdp, true);
-        EXPECT_EQ(send(client, row.faults), kNoDatagram);
-        EXPECT_EQ(client.get_errmsg(), "send udp message failed error[" + row.text);
+        EXPECT_EQ(send(client, told), kNoDatagram);
+        EXPECT_EQ(client.get_errmsg(), "send udp message failed error[" + text);
         ASSERT_EQ(send(client), 0);
         EXPECT_EQ(agent.receive(5), "hello");
     }

@@ -69,10 +69,10 @@ class StatisticsTest : public testing::Test {
  protected:
     StatisticsTest() {
         now = kTime;
+        startError = 0;
         makeFallbackDirectory();
         restart(60, 100);
     }
-    ~StatisticsTest() override { startError = 0; }
 
     int setStat(unsigned int interval = 60, unsigned int count = 100) {
         return keepingErrno([&] { return m_logger->set_stat(true, kType, interval, count); });

@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 
+#include "descriptor.h"
 #include "qvapi_cpp.h"
 #include "test_agent.h"
 
@@ -34,11 +35,10 @@ inline std::atomic<time_t> now{0};
 /// The result of `operation`, which must leave errno as it finds it.
 template <typename Operation>
 auto keepingErrno(const Operation& operation) {
-    const int own = 4711;
-    errno = own;
+    errno = 4711;
     auto result = operation();
     const int after = errno;
-    EXPECT_EQ(after, own);
+    EXPECT_EQ(after, 4711);
     return result;
 }
 
@@ -84,30 +84,32 @@ inline void awaitChild(pid_t child) {
     }
 }
 
-/// Whether every closed batch of statistics has been written but the last, which may be in hand.
-inline bool hasEmptyQueue(CLogger& logger) {
-    pthread_rwlock_rdlock(&logger.m_queue_lock);
-    const bool isEmpty = logger.m_stat_log_queues.empty();
-    pthread_rwlock_unlock(&logger.m_queue_lock);
-    return isEmpty;
+inline std::atomic<int> handlersChild{0};  ///< the status of the child that a handler forked
+
+/// A signal handler.
+inline void forkInHandler(int /*signal*/) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(42);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    handlersChild = WEXITSTATUS(status);
 }
 
 /// Serves an endpoint without a thread: what arrives waits until the test asks for its bytes.
 class Agent {
  public:
     explicit Agent(int socketType) : m_endpoint(openEndpoint(socketType)) {}
-    ~Agent() {
-        close(m_connection);
-        close(m_endpoint);
-    }
 
     /// The next `length` bytes of the one connection, or the next datagram.
     std::string receive(size_t length) {
-        if (m_connection < 0) {
+        if (m_connection.get() < 0) {
             EXPECT_TRUE(eventually([this] { return !isIdle(); })) << "nothing arrived";
-            m_connection = accept4(m_endpoint, nullptr, nullptr, SOCK_CLOEXEC);  // none over UDP
+            // There is none over UDP.
+            m_connection = Descriptor(accept4(m_endpoint.get(), nullptr, nullptr, SOCK_CLOEXEC));
         }
-        const int fd = m_connection < 0 ? m_endpoint : m_connection;
+        const int fd = (m_connection.get() < 0 ? m_endpoint : m_connection).get();
         std::string bytes(length, '\0');
         const ssize_t got = recv(fd, bytes.data(), length, MSG_WAITALL);
         return bytes.substr(0, got > 0 ? static_cast<size_t>(got) : 0);
@@ -124,13 +126,13 @@ class Agent {
 
     /// Whether no connection and no datagram waits.
     bool isIdle() const {
-        pollfd entry = {m_endpoint, POLLIN, 0};
+        pollfd entry = {m_endpoint.get(), POLLIN, 0};
         return poll(&entry, 1, 0) == 0;
     }
 
  private:
-    const int m_endpoint;
-    int m_connection = -1;
+    const Descriptor m_endpoint;
+    Descriptor m_connection;
 };
 
 }  // namespace Quorvel

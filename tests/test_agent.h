@@ -27,6 +27,11 @@ const bool kIsSanitized = true;
 const bool kIsSanitized = false;
 #endif
 
+inline std::string contents(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 /// Waits until `condition` holds; false when it still does not after a minute.
 template <class Condition>
 bool eventually(Condition condition) {
@@ -42,7 +47,6 @@ bool eventually(Condition condition) {
 
 /// A record as it reached the agent, with texts of its own.
 struct Request {
-    Request() = default;
     explicit Request(const RequestView& view)
         : command(view.command),
           logType(view.logType),
@@ -82,7 +86,7 @@ const sockaddr_un kUnixAddress = agentUnixAddress();
 const sockaddr_in kLoopbackAddress = agentLoopbackAddress();
 
 /// A socket that serves the agent's endpoint of a logger's socket type: 0 Unix, 1 TCP, 2 UDP.
-inline int openEndpoint(int socketType, int backlog = 128) {
+inline int openEndpoint(int socketType) {
     const auto* address = reinterpret_cast<const sockaddr*>(&kLoopbackAddress);
     socklen_t length = sizeof(kLoopbackAddress);
     if (socketType == 0) {
@@ -96,7 +100,7 @@ inline int openEndpoint(int socketType, int backlog = 128) {
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     EXPECT_EQ(bind(fd, address, length), 0);
-    EXPECT_TRUE(type == SOCK_DGRAM || listen(fd, backlog) == 0);
+    EXPECT_TRUE(type == SOCK_DGRAM || listen(fd, 128) == 0);
     return fd;
 }
 

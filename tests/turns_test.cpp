@@ -74,12 +74,10 @@ class TurnsTest : public testing::Test {
  protected:
     TurnsTest() {
         now = 1000;
-        sends = 0;
-        waiters = 0;
+        sends = sendTime = waiters = 0;
         makeFallbackDirectory();
         EXPECT_EQ(m_logger.init("app"), 0);
     }
-    ~TurnsTest() override { sendTime = 0; }
 
     int write(int thread) {
         return m_logger.write_baselog(static_cast<int8_t>(thread), "body", false, 1);
@@ -154,20 +152,11 @@ TEST_F(TurnsTest, GoOnWhenAWaiterIsCancelled) {
     EXPECT_TRUE(m_agent.hasReceived(4));
 }
 
-std::atomic<bool> handlerHasForked{false};
-
 TEST_F(TurnsTest, AreNotWaitedForByAForkOfASignalHandlerInAWaiter) {
-    signal(SIGUSR1, [](int) {
-        const pid_t child = fork();
-        if (child == 0) {
-            _exit(0);
-        }
-        waitpid(child, nullptr, 0);
-        handlerHasForked = true;
-    });
+    signal(SIGUSR1, forkInHandler);
     holdTurnBefore(2);
     pthread_kill(m_waiting[1].native_handle(), SIGUSR1);
-    EXPECT_TRUE(eventually([] { return handlerHasForked.load(); }));
+    EXPECT_TRUE(eventually([] { return handlersChild == 42; }));
     releaseTurn();
     EXPECT_EQ(m_codes[0], 3);
 }
