@@ -23,14 +23,12 @@ struct Call {
     int retval = 0, result = 5, delay = 30, reqLen = 100, rspLen = 200;
 };
 
-/// A call with something else than the usual.
-template <typename Change>
-Call callWith(const Change& change) {
-    Call call;
-    change(call);
-    return call;
-}
-#define CALL_WITH(change) callWith([&](Call& call) { change; })
+// A call with something else than the usual.
+#define CALL_WITH(change) \
+    [&](Call call) {      \
+        change;           \
+        return call;      \
+    }({})
 
 /// Calls write_modulelog or write_modulelog_forIM.
 int write(CLogger& logger, Encoding encoding, Form form, Call c) {

@@ -54,9 +54,7 @@ TEST(QvctlListen, PrintsALineForEachRecordAndASummary) {
 
 TEST(QvctlListen, SurvivesHostileInputInBoundedMemory) {
     const std::string header("\3\x80\0\0\0\2\0\x9\0\0\0\0", 12);
-    const struct {
-        std::string bytes, reason;
-    } inputs[] = {
+    const std::pair<std::string, std::string> inputs[] = {
         {std::string(50000, 'G'), "command 71 is neither 3 nor 6"},
         {requestBytes("app", "hello").substr(0, 25), "ended inside a request"},
         {header + bigEndian(~0u, 4), "announced body of 4294967295 bytes"},
@@ -73,16 +71,16 @@ TEST(QvctlListen, SurvivesHostileInputInBoundedMemory) {
     EXPECT_TRUE(listen.prints("1 bytes follow the request\n"));
     const int waiting = sendTo("tcp", header + bigEndian(64 << 20, 4) + "some bytes");
     for (const std::string& transport : kTransports) {
-        for (const auto& input : inputs) {
+        for (const auto& [bytes, reason] : inputs) {
             const size_t before = listen.output().size();
-            const int fd = sendTo(transport, input.bytes);
+            const int fd = sendTo(transport, bytes);
             char byte;
             shutdown(fd, SHUT_WR);
             EXPECT_TRUE(transport == "udp" || recv(fd, &byte, 1, 0) <= 0) << "not closed";
             close(fd);
             close(sendTo(transport, requestBytes("app", "next")));
             EXPECT_TRUE(eventually([&] { return listen.output().find("next", before) + 1 != 0; }));
-            const std::regex lines("qvctl: " + transport + ".*" + input.reason + ".*\n.*next.*\n?");
+            const std::regex lines("qvctl: " + transport + ".*" + reason + ".*\n.*next.*\n?");
             const std::string output = listen.output().substr(before);
             EXPECT_TRUE(std::regex_match(output, lines)) << output;
         }
@@ -112,9 +110,7 @@ TEST(QvctlListen, SplitsTheFieldsOfTextsOnly) {
     for (int i = 0; i < 65536; ++i) {
         tooMany += "&" + std::to_string(i) + "=";
     }
-    const struct {
-        std::string body, end;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {"a=1&b%3D=x%26%0Ay", R"(,"fields":{"a":"1","b=":"x&\ny"}})"},
         {"login&ok=1", R"(,"fields":{"data":"login","ok":"1"}})"},
         {"a=%zz%3", R"(,"fields":{"a":"%zz%3"}})"},
@@ -125,9 +121,9 @@ TEST(QvctlListen, SplitsTheFieldsOfTextsOnly) {
         {tooMany, "&65535=\"}"},
     };
     const Listen listen;
-    for (const auto& row : rows) {
-        close(sendTo("unix", requestBytes("app", row.body)));
-        EXPECT_TRUE(listen.prints(row.end + "\n")) << row.body;
+    for (const auto& [body, end] : rows) {
+        close(sendTo("unix", requestBytes("app", body)));
+        EXPECT_TRUE(listen.prints(end + "\n")) << body;
     }
 }
 

@@ -4,11 +4,7 @@ namespace Quorvel {
 namespace {
 
 TEST(QvctlSend, ReportsWhatBecameOfTheRecords) {
-    const struct {
-        std::string arguments;
-        int code;
-        std::string report, received;
-    } rows[] = {
+    const std::tuple<std::string, int, std::string, std::string> rows[] = {
         {"'[app]' '[a,b]' --type 110 --time 7", 0,
          "accepted: 1\nturned over to the fallback file: 0\nlost: 0\n",
          R"("unix","application":"[app]","command":3,"logType":110,"timestamp":7,"body":"[a,b]"})"},
@@ -30,19 +26,17 @@ TEST(QvctlSend, ReportsWhatBecameOfTheRecords) {
         {"app --binary /data", 1, "qvctl: cannot read /data: Is a directory\n", ""},
         {"'' a", 1, "qvctl: init: length of logName is 0\n", ""},
     };
-    for (const auto& row : rows) {
+    for (const auto& [arguments, code, report, received] : rows) {
         const Listen listen;
-        run("qvctl send " + row.arguments, row.code, row.report);
-        EXPECT_TRUE(listen.prints(row.received)) << listen.output();
+        run("qvctl send " + arguments, code, report);
+        EXPECT_TRUE(listen.prints(received)) << listen.output();
     }
 }
 
 TEST(QvctlSend, SaysWhetherTheFallbackFileTookWhatWasTurnedOver) {
     const std::string file = "/data/qvagent/msgdat.dat";
     const std::string withoutPrivileges = "setpriv --bounding-set -all ";
-    const struct {
-        std::string script, counts, reason;
-    } rows[] = {
+    const std::tuple<std::string, std::string, std::string> rows[] = {
         {"qvctl send app a b", "file: 0\nlost: 2\n", "/data/qvagent: No such file"},
         {"mkdir /data/qvagent; qvctl send app a b", "file: 2\nlost: 0\n",
          "grew by the 52 bytes turned over\n"},
@@ -52,9 +46,9 @@ TEST(QvctlSend, SaysWhetherTheFallbackFileTookWhatWasTurnedOver) {
         {"truncate -s 1000000001 " + file + "; qvctl send stat app x n=7", "file: 0\nlost: 1\n",
          "the file is full\n"},
     };
-    for (const auto& row : rows) {
-        const std::string output = run(row.script, 1, row.counts);
-        EXPECT_NE(output.find(row.reason), std::string::npos) << output;
+    for (const auto& [script, counts, reason] : rows) {
+        const std::string output = run(script, 1, counts);
+        EXPECT_NE(output.find(reason), std::string::npos) << output;
     }
 }
 
@@ -67,9 +61,7 @@ TEST(QvctlSend, ReportsAtAnInterrupt) {
 }
 
 TEST(Qvctl, EndsWithTwoOnWrongUsageAndNamesIt) {
-    const struct {
-        std::string arguments, message;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {"frob", "unknown verb: frob; qvctl --help"},
         {"spool frob", "unknown verb: frob; qvctl spool --help"},
         {"listen --count $'\\e'", "\\x1B is no number"},
@@ -87,8 +79,8 @@ TEST(Qvctl, EndsWithTwoOnWrongUsageAndNamesIt) {
         {"send stat app x =5", "=5 has no name\n"},
         {"send stat app $(printf %01019d) ab=5", "would have 1024 bytes and be cut at 1023\n"},
     };
-    for (const auto& row : rows) {
-        run("qvctl " + row.arguments, 2, row.message);
+    for (const auto& [arguments, message] : rows) {
+        run("qvctl " + arguments, 2, message);
     }
 }
 
