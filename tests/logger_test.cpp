@@ -21,25 +21,20 @@ const unsigned int kTime = 1400000000;
 const unsigned int kZero = 0;
 const std::string kLongestName(65533, 'n');
 
-struct Refusal {
-    Mode mode;
-    Call call;
-    int code;
-    std::string text;
-};
+using Refusal = std::tuple<Mode, Call, int, std::string>;
 
 /// A logger over UDP, and the agent.
 class LoggerTest : public testing::Test {
  protected:
     void expectRefused(const std::vector<Refusal>& rows) {
-        for (const Refusal& row : rows) {
+        for (const auto& [mode, call, code, text] : rows) {
             CLogger logger(kUdp);
-            if (row.mode != Mode::kNone) {
-                EXPECT_EQ(row.mode == Mode::kModule ? logger.init(1234) : logger.init("app"), 0);
+            if (mode != Mode::kNone) {
+                EXPECT_EQ(mode == Mode::kModule ? logger.init(1234) : logger.init("app"), 0);
             }
-            EXPECT_EQ(row.call(logger), row.code) << row.text;
-            EXPECT_EQ(logger.get_errmsg(), row.text);
-            EXPECT_TRUE(m_agent.isIdle()) << row.text;
+            EXPECT_EQ(call(logger), code) << text;
+            EXPECT_EQ(logger.get_errmsg(), text);
+            EXPECT_TRUE(m_agent.isIdle()) << text;
         }
     }
 
@@ -133,12 +128,7 @@ TEST_F(LoggerTest, WritesOnlyWhatARequestMayHold) {
 
 TEST_F(ApplicationTest, SendsRecordsOfAnyBytesAndLength) {
     const std::string xs(30716, 'x'), binary = "\0\xFF%&\n"s;
-    const struct {
-        Call call;
-        int command, type;
-        unsigned int time;
-        std::string body;
-    } rows[] = {
+    const std::tuple<Call, int, int, unsigned int, std::string> rows[] = {
         {QV_WRITE(binary.data(), 5, 110, 1, kTime), 6, 110, kTime, binary},
         {QV_WRITE(5, binary, true, kTime), 3, 5, kTime, binary},
         {QV_WRITE("x", 0, 0, 0, 0), 3, 0, 0, ""},
@@ -146,18 +136,14 @@ TEST_F(ApplicationTest, SendsRecordsOfAnyBytesAndLength) {
         {QV_WRITE(xs.data(), 30716, 1, 0, UINT_MAX), 3, 1, UINT_MAX, xs},
         {QV_WRITE(127, kTime, "%d", 7), 3, 127, kTime, "_msg=7"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(row.call(m_logger), 0);
-        EXPECT_EQ(m_agent.receive(65536),
-                  requestBytes("app", row.body, row.type, row.command, row.time));
+    for (const auto& [call, command, type, time, body] : rows) {
+        EXPECT_EQ(call(m_logger), 0);
+        EXPECT_EQ(m_agent.receive(65536), requestBytes("app", body, type, command, time));
     }
 }
 
 TEST_F(ApplicationTest, PutsATabBeforeEveryPercentSignButAFirstOne) {
-    const struct {
-        Call call;
-        std::string body;
-    } rows[] = {
+    const std::pair<Call, std::string> rows[] = {
         {QV_WRITE(1, kZero, "x=%d y=%d", 1, 2), "x=\t1 y=\t2"},
         {QV_WRITE(1, kZero, ""s.c_str()), ""},  // the compiler would warn about literals like it
         {QV_WRITE(1, kZero, "%c|%s", 0, "x"), "\0|\tx"s},
@@ -167,8 +153,8 @@ TEST_F(ApplicationTest, PutsATabBeforeEveryPercentSignButAFirstOne) {
         {QV_WRITE(1, kZero, "a%"s.c_str()), "a\t"},
         {QV_WRITE(1, kZero, "conversion fails%lc!", wint_t{0x20AC}), "conversion fails\t"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(sent(row.call), "_msg=" + row.body);
+    for (const auto& [call, body] : rows) {
+        EXPECT_EQ(sent(call), "_msg=" + body);
     }
 }
 

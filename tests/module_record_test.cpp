@@ -205,11 +205,7 @@ TEST_P(ModuleRecordTest, IsSentAsOneCallWhileItsResultIsExempt) {
 
 TEST_P(ModuleRecordTest, IsRefusedForItsArguments) {
     const std::string tooLong(33, '1');
-    const struct {
-        Call call;
-        int code;
-        std::string text;
-    } rows[] = {
+    const std::tuple<Call, int, std::string> rows[] = {
         {CALL_WITH(call.delay = call.reqLen = -1), 16, "delay[-1] mid[6] sid[8] ifid[9] error"},
         {CALL_WITH(call.mid = 0), 16, "delay[30] mid[0] sid[8] ifid[9] error"},
         {CALL_WITH(call.sid = 0), 16, "delay[30] mid[6] sid[0] ifid[9] error"},
@@ -219,9 +215,9 @@ TEST_P(ModuleRecordTest, IsRefusedForItsArguments) {
         {CALL_WITH(call.mip = tooLong), 15, "ip addr length invalid"},
         {CALL_WITH(call.sip = tooLong), 15, "ip addr length invalid"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(send(row.call), row.code);
-        EXPECT_EQ(m_logger.get_errmsg(), "write_modulelog: " + row.text);
+    for (const auto& [call, code, text] : rows) {
+        EXPECT_EQ(send(call), code);
+        EXPECT_EQ(m_logger.get_errmsg(), "write_modulelog: " + text);
         EXPECT_TRUE(m_agent.isIdle());
     }
 }

@@ -75,20 +75,17 @@ class SamplingTest : public testing::Test {
 TEST_F(SamplingTest, FindsTheSlotWhoseNameIsTheWholeName) {
     const std::string longest(256, 'a');
     const std::string withNul("app\0x", 5);
-    const struct {
-        int lastSlot;
-        std::string slotName, name;
-        int result;
-    } rows[] = {{99, "app", "app", 0},  {99, "apq", "app", -2},   {5, "ap", "app", -1},
-                {0, "appl", "app", -1}, {0, longest, longest, 0}, {0, longest, longest + "a", -1},
-                {0, withNul, "app", 0}, {0, withNul, withNul, -1}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.slotName + " for " + row.name);
-        publish(row.slotName, row.lastSlot);
-        setRate(127, 9, row.lastSlot);
+    const std::tuple<int, std::string, std::string, int> rows[] = {
+        {99, "app", "app", 0},  {99, "apq", "app", -2},   {5, "ap", "app", -1},
+        {0, "appl", "app", -1}, {0, longest, longest, 0}, {0, longest, longest + "a", -1},
+        {0, withNul, "app", 0}, {0, withNul, withNul, -1}};
+    for (const auto& [lastSlot, slotName, name, result] : rows) {
+        SCOPED_TRACE(slotName + " for " + name);
+        publish(slotName, lastSlot);
+        setRate(127, 9, lastSlot);
         Sampling reader;
-        EXPECT_EQ(init(reader, row.name), row.result);
-        EXPECT_EQ(reader.fetchSampling(127), row.result == 0 ? 9 : 1);
+        EXPECT_EQ(init(reader, name), result);
+        EXPECT_EQ(reader.fetchSampling(127), result == 0 ? 9 : 1);
     }
 }
 

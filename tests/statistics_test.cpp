@@ -139,12 +139,7 @@ class StatisticsTest : public testing::Test {
 };
 
 TEST_F(StatisticsTest, CombineValuesByTheirKind) {
-    const struct {
-        const char* text;
-        int kind;
-        std::vector<int> values;
-        const char* written;
-    } rows[] = {
+    const std::tuple<const char*, int, std::vector<int>, const char*> rows[] = {
         {"a", QV_STAT_TYPE_COUNT, {1, 3}, "a&n=4"},
         {"b", QV_STAT_TYPE_SUM, {1, 3}, "b&n=4"},
         {"c", QV_STAT_TYPE_SUM, {INT32_MAX, 1}, "c&n=-2147483648"},
@@ -155,11 +150,11 @@ TEST_F(StatisticsTest, CombineValuesByTheirKind) {
         {"h", 4, {1}, "h"},
     };
     Texts expected;
-    for (const auto& row : rows) {
-        for (const int value : row.values) {
-            merge(row.text, {{"n", value}}, row.kind);
+    for (const auto& [text, kind, values, combined] : rows) {
+        for (const int value : values) {
+            merge(text, {{"n", value}}, kind);
         }
-        expected.push_back(row.written);
+        expected.push_back(combined);
     }
     EXPECT_EQ(written(), expected);
 }
