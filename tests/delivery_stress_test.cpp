@@ -100,14 +100,6 @@ class DeliveryStressTest : public testing::TestWithParam<Transport> {
         return known ? &m_writes[thread][number] : nullptr;
     }
 
-    void countCopies() {
-        for (const Request& record : fallbackRecords()) {
-            if (Write* const write = find(record)) {
-                ++write->copies;
-            }
-        }
-    }
-
     /// What returned 0 may be missing where a connection was cut, and nowhere else.
     void countArrivals(const Conversation& heard) {
         EXPECT_EQ(heard.decoder.error(), "");
@@ -156,7 +148,11 @@ TEST_P(DeliveryStressTest, KeepsRecordsWholeAndSingleWhileTheAgentComesAndGoes) 
     const auto conversations = m_agent.conversations();
     m_agent.stop();
     EXPECT_EQ(openFiles(), m_filesBefore);
-    countCopies();
+    for (const Request& record : fallbackRecords()) {
+        if (Write* const write = find(record)) {
+            ++write->copies;
+        }
+    }
     for (const Conversation& heard : conversations) {
         countArrivals(heard);
     }

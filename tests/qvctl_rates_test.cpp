@@ -19,13 +19,13 @@ class QvctlRates : public testing::Test {
     }
     ~QvctlRates() override { removeSegment(); }
 
-    void makeSegment(size_t size, unsigned short mode) {
+    void makeSegment(size_t size, int mode) {
         removeSegment();
         m_id = shmget(9777, size, IPC_CREAT | 0600);
         m_bytes = static_cast<char*>(shmat(m_id, nullptr, 0));
         m_size = size;
         shmid_ds status = {};
-        status.shm_perm.mode = mode;
+        status.shm_perm.mode = static_cast<unsigned short>(mode);
         EXPECT_EQ(shmctl(m_id, IPC_SET, &status), 0);
     }
     void removeSegment() {
@@ -129,14 +129,7 @@ TEST_F(QvctlRates, ShowsRangesAndNamesOfAnyBytes) {
 
 TEST_F(QvctlRates, RefusesWhatItCannotDoAndLeavesTheTable) {
     const std::string noPermission = "setpriv --bounding-set=-ipc_owner ";
-    const struct {
-        size_t size;
-        unsigned short mode;
-        int usedSlots;
-        std::string command;
-        int code;
-        std::string message;
-    } rows[] = {
+    const std::tuple<size_t, int, int, std::string, int, std::string> rows[] = {
         {kSize, 0666, 100, "qvctl rates set app 1 2", 1, "table is full: its 100 slots"},
         {kSize, 0666, 100, "qvctl rates clear app", 1, "has no such application"},
         {kSize - 1, 0666, 0, "qvctl rates", 1, "has 102799 bytes, and applications need 102800"},
@@ -151,14 +144,14 @@ TEST_F(QvctlRates, RefusesWhatItCannotDoAndLeavesTheTable) {
         {kSize, 0666, 0, "qvctl rates set '' 1 2", 2, "1 to 255 bytes, not 0"},
         {kSize, 0666, 0, "qvctl rates set $(printf %0256d) 1 2", 2, "1 to 255 bytes, not 256"},
     };
-    for (const auto& row : rows) {
-        makeSegment(row.size, row.mode);
-        for (int slot = 0; slot < row.usedSlots; ++slot) {
+    for (const auto& [size, mode, usedSlots, command, code, message] : rows) {
+        makeSegment(size, mode);
+        for (int slot = 0; slot < usedSlots; ++slot) {
             use(slot, "app" + std::to_string(slot));
         }
         const std::string before = bytes();
-        run(row.command, row.code, row.message);
-        EXPECT_TRUE(bytes() == before) << row.command;
+        run(command, code, message);
+        EXPECT_TRUE(bytes() == before) << command;
     }
 }
 
