@@ -18,6 +18,7 @@
 #include "descriptor.h"
 #include "host_paths.h"
 #include "record_printer.h"
+#include "replay_queue.h"
 #include "sampling_table.h"
 #include "transport.h"
 #include "verbs.h"
@@ -130,8 +131,8 @@ Finding checkFallback() {
 }
 
 /// A file that replays leave beside the fallback file.
-std::optional<Finding> checkLeftOver(const char* suffix, const char* what, const char* advice) {
-    const std::string path = std::string(kFallbackFile) + suffix;
+std::optional<Finding> checkLeftOver(const std::string& path, const char* what,
+                                     const char* advice) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
         return std::nullopt;
@@ -219,9 +220,11 @@ bool check() {
                            connectError(Transport::kTcp, agentLoopbackAddress())));
     report.add(checkUdp());
     report.add(checkFallback());
-    report.add(checkLeftOver(".replay", "of a replay that is at work or was ended",
+    report.add(checkLeftOver(ReplayQueue::workingName(kFallbackFile),
+                             "of a replay that is at work or was ended",
                              "\"qvctl spool replay\" goes on with it"));
-    report.add(checkLeftOver(".damaged", "which a replay found to be no records",
+    report.add(checkLeftOver(ReplayQueue::damagedName(kFallbackFile),
+                             "which a replay found to be no records",
                              "remove it when it is of no more use"));
     report.add(checkStickyBit());
     report.add(checkRoom());

@@ -59,7 +59,6 @@ uint64_t fileSize(int fd) {
     return static_cast<uint64_t>(status.st_size);
 }
 
-std::string workingName(const std::string& file) { return file + ".replay"; }
 std::string progressName(const std::string& file) { return file + ".progress"; }
 
 /// @return the progress of the file at work; 0 where none was stored, or that of another file.
@@ -71,6 +70,9 @@ uint64_t readProgress(int progressFd, int workingFd) {
 }
 
 }  // namespace
+
+std::string ReplayQueue::workingName(const std::string& file) { return file + ".replay"; }
+std::string ReplayQueue::damagedName(const std::string& file) { return file + ".damaged"; }
 
 std::vector<ReplayQueue::Part> ReplayQueue::parts(const std::string& file) {
     std::vector<Part> parts;
@@ -89,7 +91,7 @@ ReplayQueue::ReplayQueue(const std::string& file)
     : m_file(file),
       m_workingFile(workingName(file)),
       m_progressFile(progressName(file)),
-      m_damagedFile(file + ".damaged") {
+      m_damagedFile(damagedName(file)) {
     const std::string directory = std::filesystem::absolute(file).parent_path();
     m_directory = Descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (m_directory.get() < 0) {

@@ -24,6 +24,9 @@ class ReplayQueue {
         uint64_t progress;
     };
 
+    static std::string workingName(const std::string& file);
+    static std::string damagedName(const std::string& file);
+
     /// What there is to be replayed now, without a lock or a change.
     static std::vector<Part> parts(const std::string& file);
 
