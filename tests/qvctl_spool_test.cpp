@@ -52,11 +52,14 @@ TEST_F(QvctlSpool, TellsWhatAFileHolds) {
               R"({"application":"app","logType":5,"records":2,"bytes":8},)"
               R"({"application":"b","logType":7,"records":1,"bytes":4}]})"
               "\n");
+    std::ofstream(kFile + ".replay") << record("left");
     EXPECT_EQ(run("TZ=UTC qvctl spool info"),
               "file: /data/qvagent/msgdat.dat\nsize: 90 bytes\nrecords: 3\n"
               "oldest: 2011-03-13 07:06:40\nnewest: 2014-05-13 16:53:20\n"
               "damage: 5 bytes that are no record: 4 at byte 28, 1 at byte 89\n"
-              "app type 5: 2 records, 8 bytes\nb type 7: 1 records, 4 bytes\n");
+              "app type 5: 2 records, 8 bytes\nb type 7: 1 records, 4 bytes\n"
+              "beside it: /data/qvagent/msgdat.dat.replay: 29 bytes, "
+              "of a replay that is at work or was ended\n");
 }
 
 TEST_F(QvctlSpool, CountsNoRecordThatIsInTheBodyOfAnother) {
@@ -122,12 +125,6 @@ TEST_F(QvctlSpool, ReplaysEveryFileThereIsAndKeepsTheDamage) {
     EXPECT_EQ(fileCount(), 1);
 }
 
-TEST_F(QvctlSpool, IgnoresTheProgressOfALongerFileInADryRun) {
-    std::ofstream(kFile + ".replay") << record("left");
-    std::ofstream(kFile + ".progress") << "00000000000000000030\n";
-    run("qvctl spool replay --dry-run", 0, "would replay from " + kFile + ".replay: 1 records");
-}
-
 TEST_F(QvctlSpool, RepeatsNothingAfterCtrlC) {
     std::string stored, expected;
     for (int i = 0; i < 10000; ++i) {
@@ -145,27 +142,6 @@ TEST_F(QvctlSpool, RepeatsNothingAfterCtrlC) {
     EXPECT_LT(bodies(agent).size(), expected.size());
     run("qvctl spool replay");
     EXPECT_TRUE(hasRead(agent, expected));
-}
-
-TEST_F(QvctlSpool, SucceedsAtCtrlCIfNothingIsLeft) {
-    store(record("last"));
-    TestAgent agent(0);
-    agent.pause();
-    Shell stopped("exec qvctl spool replay");
-    EXPECT_TRUE(stopped.prints("waiting until the agent has read"));
-    kill(stopped.pid(), SIGINT);
-    agent.proceed();
-    EXPECT_EQ(stopped.finish(), 0) << stopped.output();
-    EXPECT_EQ(fileCount(), 0);
-}
-
-TEST_F(QvctlSpool, SaysAtCtrlCWhereAFileIsThatIsStillWrittenTo) {
-    const std::ofstream writer(kFile);
-    const TestAgent agent(0);
-    Shell stopped("exec qvctl spool replay");
-    EXPECT_TRUE(eventually([] { return access(kFile.c_str(), F_OK) != 0; }));
-    EXPECT_EQ(stopped.finish(SIGINT), 1);
-    EXPECT_TRUE(stopped.prints("what is left is in " + kFile + ".replay"));
 }
 
 TEST_F(QvctlSpool, StopsInTheMiddleOfLongDamageAndKeepsTheFile) {
@@ -206,19 +182,6 @@ TEST_F(QvctlSpool, NamesTheRecordThatTheAgentRefuses) {
     const Listen agent;
     run("qvctl spool replay", 1,
         "the " + std::to_string(refused.size()) + " bytes at byte 30 of " + kFile + ".replay");
-}
-
-TEST_F(QvctlSpool, PausesBeforeItConnectsAgain) {
-    store(record("a"));
-    const int agent = openEndpoint(0);
-    Shell replay("exec qvctl spool replay --wait");
-    std::chrono::steady_clock::time_point accepted[4];
-    for (auto& time : accepted) {
-        EXPECT_TRUE(eventually([&] { return close(accept(agent, nullptr, nullptr)) == 0; }));
-        time = std::chrono::steady_clock::now();
-    }
-    EXPECT_GT(accepted[3] - accepted[0], std::chrono::milliseconds(200));
-    close(agent);
 }
 
 TEST_F(QvctlSpool, LeavesAFileAloneWhileAnApplicationHasItOpen) {

@@ -130,17 +130,6 @@ Finding checkFallback() {
     return {Level::kGood, fill + ", writable for this user", ""};
 }
 
-/// A file that replays leave beside the fallback file.
-std::optional<Finding> checkLeftOver(const std::string& path, const char* what,
-                                     const char* advice) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return Finding{Level::kNote, path + ": " + std::to_string(status.st_size) + " bytes, " + what,
-                   advice};
-}
-
 std::optional<Finding> checkStickyBit() {
     struct stat status {};
     if (stat(kFallbackDirectory, &status) != 0 || (status.st_mode & S_ISVTX) == 0) {
@@ -220,12 +209,11 @@ bool check() {
                            connectError(Transport::kTcp, agentLoopbackAddress())));
     report.add(checkUdp());
     report.add(checkFallback());
-    report.add(checkLeftOver(ReplayQueue::workingName(kFallbackFile),
-                             "of a replay that is at work or was ended",
-                             "\"qvctl spool replay\" goes on with it"));
-    report.add(checkLeftOver(ReplayQueue::damagedName(kFallbackFile),
-                             "which a replay found to be no records",
-                             "remove it when it is of no more use"));
+    for (const ReplayQueue::LeftOver& left : ReplayQueue::leftOvers(kFallbackFile)) {
+        report.add(Finding{Level::kNote,
+                           left.path + ": " + std::to_string(left.size) + " bytes, " + left.what,
+                           left.advice});
+    }
     report.add(checkStickyBit());
     report.add(checkRoom());
     report.add(checkTable());

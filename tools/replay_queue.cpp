@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -59,6 +60,8 @@ uint64_t fileSize(int fd) {
     return static_cast<uint64_t>(status.st_size);
 }
 
+std::string workingName(const std::string& file) { return file + ".replay"; }
+std::string damagedName(const std::string& file) { return file + ".damaged"; }
 std::string progressName(const std::string& file) { return file + ".progress"; }
 
 /// @return the progress of the file at work; 0 where none was stored, or that of another file.
@@ -71,8 +74,22 @@ uint64_t readProgress(int progressFd, int workingFd) {
 
 }  // namespace
 
-std::string ReplayQueue::workingName(const std::string& file) { return file + ".replay"; }
-std::string ReplayQueue::damagedName(const std::string& file) { return file + ".damaged"; }
+std::vector<ReplayQueue::LeftOver> ReplayQueue::leftOvers(const std::string& file) {
+    std::vector<LeftOver> found = {
+        {workingName(file), 0, "of a replay that is at work or was ended",
+         "\"qvctl spool replay\" goes on with it"},
+        {damagedName(file), 0, "which a replay found to be no records",
+         "remove it when it is of no more use"},
+    };
+    const auto isMissing = [](LeftOver& left) {
+        struct stat status {};
+        const bool isThere = stat(left.path.c_str(), &status) == 0;
+        left.size = static_cast<uint64_t>(status.st_size);
+        return !isThere;
+    };
+    found.erase(std::remove_if(found.begin(), found.end(), isMissing), found.end());
+    return found;
+}
 
 std::vector<ReplayQueue::Part> ReplayQueue::parts(const std::string& file) {
     std::vector<Part> parts;

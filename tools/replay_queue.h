@@ -24,8 +24,16 @@ class ReplayQueue {
         uint64_t progress;
     };
 
-    static std::string workingName(const std::string& file);
-    static std::string damagedName(const std::string& file);
+    /// A file that replays left beside the fallback file, or that one works on.
+    struct LeftOver {
+        std::string path;
+        uint64_t size;
+        const char* what;
+        const char* advice;
+    };
+
+    /// What replays have left beside `file`.
+    static std::vector<LeftOver> leftOvers(const std::string& file);
 
     /// What there is to be replayed now, without a lock or a change.
     static std::vector<Part> parts(const std::string& file);

@@ -16,10 +16,12 @@
 #include "output.h"
 #include "record_filter.h"
 #include "record_printer.h"
+#include "replay_queue.h"
 #include "spool_file.h"
 #include "spool_info.h"
 #include "spool_replay.h"
 #include "stop_signals.h"
+#include "text_safety.h"
 #include "verbs.h"
 
 namespace Quorvel {
@@ -50,12 +52,19 @@ struct InfoOptions {
     bool json = false;
 };
 
+void appendLeftOvers(const std::string& file, Output& output) {
+    for (const ReplayQueue::LeftOver& left : ReplayQueue::leftOvers(file)) {
+        output.append("beside it: " + escapeForTerminal(left.path) + ": " +
+                      std::to_string(left.size) + " bytes, " + left.what + '\n');
+    }
+}
+
 void addInfoVerb(CLI::App& spool) {
     const auto options = std::make_shared<InfoOptions>();
     CLI::App* verb = spool.add_subcommand("info", "Say what a file holds.");
     verb->footer(
         "Shows the file's size, its records by application and log type, the oldest and newest\n"
-        "time stamp, and what is no record.\n"
+        "time stamp, what is no record, and what replays left beside it.\n"
         "Example: qvctl spool info\n"
         "Exit status: 0 shown, 1 the file cannot be read, 2 wrong usage.");
     addFileArgument(*verb, options->file);
@@ -64,7 +73,12 @@ void addInfoVerb(CLI::App& spool) {
         const Descriptor fd = openFile(options->file);
         const SpoolInfo info(fd.get());
         Output output;
-        options->json ? info.printJson(output) : info.printReadable(options->file, output);
+        if (options->json) {
+            info.printJson(output);
+        } else {
+            info.printReadable(options->file, output);
+            appendLeftOvers(options->file, output);
+        }
         output.flush();
     });
 }
