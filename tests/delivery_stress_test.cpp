@@ -163,25 +163,5 @@ TEST_P(DeliveryStressTest, KeepsRecordsWholeAndSingleWhileTheAgentComesAndGoes) 
     }
 }
 
-TEST(StalledAgentTest, TakesABufferFullThenFailsOnceAndIsLeftAlone) {
-    makeFallbackDirectory();
-    now = 1000000;
-    TestAgent agent(kUnix);
-    agent.pause();
-    CLogger logger(kUnix);
-    EXPECT_EQ(logger.init(kName), 0);
-    std::vector<int> codes(10000);
-    for (int& code : codes) {
-        code = logger.write_baselog(LT_NORMAL, std::string(1000, 'x'), false, 1);
-    }
-    const auto firstFailure = std::find_if(codes.begin(), codes.end(), [](int c) { return c; });
-    std::vector<int> expected(firstFailure - codes.begin(), 0);
-    EXPECT_GE(expected.size(), 100U);
-    expected.push_back(8);
-    expected.resize(codes.size(), 7);
-    EXPECT_EQ(codes, expected);
-    EXPECT_EQ(fallbackRecords().size(), codes.end() - firstFailure);
-}
-
 }  // namespace
 }  // namespace Quorvel

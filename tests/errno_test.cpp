@@ -1,6 +1,5 @@
 #include <optional>
 
-#include "sampling_table.h"
 #include "socket_client.h"
 #include "support.h"
 
@@ -86,14 +85,6 @@ TEST_F(ErrnoTest, OutlivesTransport) {
     QV_KEEPS_ERRNO(client->sendWithoutRecv(m_text.data(), 1, true));
     QV_KEEPS_ERRNO(client->get_errmsg());
     QV_KEEPS_ERRNO((client.reset(), 0));
-}
-
-TEST_F(ErrnoTest, OutlivesSampling) {
-    std::optional<Sampling> sampling;
-    QV_KEEPS_ERRNO(&sampling.emplace());
-    QV_KEEPS_ERRNO(sampling->init(m_text, kSamplingKey, 102800));
-    QV_KEEPS_ERRNO(sampling->needFilter(1));
-    QV_KEEPS_ERRNO((sampling.reset(), 0));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include <array>
 
-#include "socket_client.h"
 #include "support.h"
 
 namespace {
@@ -74,29 +73,19 @@ TEST(ErrorTextTest, BelongsToItsFailureWhileOtherThreadsFail) {
     sendFails = false;
 }
 
-void prepare(CLogger& /*logger*/) {}
-void prepare(SocketClient& client) { client.init(kUnix, true); }
-
-void fail(CLogger& logger) { EXPECT_EQ(logger.set_stat(true, 1, 1, 1), 1); }
-void fail(SocketClient& client) { EXPECT_EQ(client.sendWithoutRecv(nullptr, 1, true), 4); }
-
 /// Threads that fail and threads that read the error text, as fast as they can.
-template <typename Subject>
 class ContendedErrorTextTest : public testing::Test {
  protected:
-    ContendedErrorTextTest() {
-        prepare(m_subject);
-        holdsLonger = true;
-    }
+    ContendedErrorTextTest() { holdsLonger = true; }
     ~ContendedErrorTextTest() override { holdsLonger = false; }
 
     void start(int readers, int writers) {
         const auto work = [=](int thread) {
             while (!m_done) {
                 if (thread < readers) {
-                    m_subject.get_errmsg();
+                    m_logger.get_errmsg();
                 } else {
-                    fail(m_subject);
+                    EXPECT_EQ(m_logger.set_stat(true, 1, 1, 1), 1);
                 }
                 ++m_turns[thread];
                 ++m_allTurns;
@@ -111,32 +100,29 @@ class ContendedErrorTextTest : public testing::Test {
         m_threads.join();
     }
 
-    Subject m_subject;
+    CLogger m_logger;
     std::array<std::atomic<int>, kThreads> m_turns{};
     std::atomic<int> m_allTurns{0};
     std::atomic<bool> m_done{false};
     std::thread m_threads;
 };
 
-using Subjects = testing::Types<CLogger, SocketClient>;
-TYPED_TEST_SUITE(ContendedErrorTextTest, Subjects, );  // no names of their own
-
-TYPED_TEST(ContendedErrorTextTest, KeepsNeitherReadersNorWritersOut) {
+TEST_F(ContendedErrorTextTest, KeepsNeitherReadersNorWritersOut) {
     const int turns = 2000;
-    this->start(2, 3);
-    this->stopAfter(turns);
-    EXPECT_GE(*std::min_element(this->m_turns.begin(), this->m_turns.begin() + 5), turns / 50);
+    start(2, 3);
+    stopAfter(turns);
+    EXPECT_GE(*std::min_element(m_turns.begin(), m_turns.begin() + 5), turns / 50);
 }
 
-TYPED_TEST(ContendedErrorTextTest, KeepsNoForkWaiting) {
+TEST_F(ContendedErrorTextTest, KeepsNoForkWaiting) {
     for (const int readers : {0, kThreads}) {
-        this->start(readers, kThreads - readers);
+        start(readers, kThreads - readers);
         for (int i = 0; i < 20; ++i) {
-            const int before = this->m_allTurns;
-            awaitChild(runInChild([&] { EXPECT_LE(this->m_allTurns, before + 10000); }));
+            const int before = m_allTurns;
+            awaitChild(runInChild([&] { EXPECT_LE(m_allTurns, before + 10000); }));
         }
-        this->stopAfter(0);
-        this->m_done = false;
+        stopAfter(0);
+        m_done = false;
     }
 }
 

@@ -146,12 +146,6 @@ TEST_F(FallbackFileTest, KeepsWhatAnotherHasAppendedBehindAShortRecord) {
     EXPECT_EQ(contents(kFallbackFile), kRecord.substr(0, 9) + kRecord);
 }
 
-TEST_F(FallbackFileTest, TakesARecordWhoseWriteWasInterrupted) {
-    nextWrite = [](auto...) { return errno = EINTR, -1; };
-    EXPECT_EQ(write(), kTurnedOver);
-    EXPECT_EQ(contents(kFallbackFile), kRecord);
-}
-
 const size_t kProcesses = 4;
 
 /// Lets processes turn over `count` records each, at once.

@@ -17,16 +17,6 @@ if grep -qE '__(asan|tsan)_init' <<<"$imports"; then
 fi
 dynamic=$(readelf -dW "$object")
 
-exported=$(printf '%s\n' \
-    Quorvel::CLogger::{CLogger,~CLogger,init,init,write_baselog,write_baselog,write_baselog} \
-    Quorvel::CLogger::{,,}write_modulelog Quorvel::CLogger::{,,}write_modulelog_forIM \
-    Quorvel::CLogger::{set_stat,write_statlogs,encode,set_socktype,set_no_sample,set_sample} \
-    Quorvel::CLogger::{get_errmsg,pack_send_buff,get_logtype,get_lock} \
-    Quorvel::SocketClient::{SocketClient,~SocketClient,init,sendWithoutRecv,get_errmsg} \
-    Quorvel::Sampling::{Sampling,~Sampling,init,needFilter,getSampling} \
-    StartStatThreads stat_pid buff _so_version __invoke_dynamic_linker__ | sort)
-expect "exported names, one for each overload" "$exported" \
-    "$(nm -DC --defined-only "$object" | cut -d' ' -f3- | sort -u | sed 's/[([].*//' | sort)"
 expect "needed libraries" $'libc.so.6\nlibgcc_s.so.1\nlibstdc++.so.6' \
     "$(sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' <<<"$dynamic" | sort)"
 expect "never unloaded" NODELETE "$(grep -o NODELETE <<<"$dynamic")"

@@ -313,24 +313,6 @@ TEST_F(StatisticsTest, LoseNoMergeOfFourThreads) {
     EXPECT_TRUE(eventually([&] { return sum() == merges; })) << sum();
 }
 
-long memoryPages() {
-    long size = 0;
-    std::ifstream("/proc/self/statm") >> size;
-    return size;
-}
-
-TEST_F(StatisticsTest, LeaveNoThreadOfShortLivedLoggers) {
-    const long pagesOfStack = 2048;  // of 8 MiB, which a thread that is not joined keeps
-    const long pages = memoryPages();
-    for (int i = 0; i < 300; ++i) {
-        CLogger logger;
-        EXPECT_EQ(logger.init("short"), 0);
-        EXPECT_EQ(logger.set_stat(true, kType, 0, 0), 0);
-        EXPECT_EQ(logger.set_stat(true, kType, 0, 0), 0);
-    }
-    EXPECT_TRUE(kIsSanitized || memoryPages() < pages + 300 * pagesOfStack);
-}
-
 TEST_F(StatisticsTest, HaveTheNewestLivingThreadInTheGlobalName) {
     const auto& newest = *static_cast<pthread_t*>(dlsym(RTLD_DEFAULT, "stat_pid"));
     const pthread_t own = newest;
