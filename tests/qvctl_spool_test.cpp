@@ -189,8 +189,7 @@ TEST_F(QvctlSpool, LeavesAFileAloneWhileAnApplicationHasItOpen) {
     const int fd = open(kFile.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     const TestAgent agent(0);
     Shell replay("exec qvctl spool replay");
-    EXPECT_TRUE(eventually([] { return access(kFile.c_str(), F_OK) != 0; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(replay.prints("until no process has " + kFile + ".replay open for writing"));
     EXPECT_EQ(bodies(agent), "");
     EXPECT_EQ(write(fd, record("late").data(), record("late").size()), 29);
     close(fd);

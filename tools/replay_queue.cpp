@@ -25,6 +25,7 @@ namespace {
 // Far more than an application takes from looking up the file's name to having it open.
 const timespec kOpeningTime = {0, 100000000};
 const timespec kWriterInterval = {0, 20000000};
+const int kPatience = 50;        // of these intervals
 const int kProgressDigits = 20;  // of the largest offset
 
 [[noreturn]] void fail(const std::string& what) {
@@ -104,8 +105,9 @@ std::vector<ReplayQueue::Part> ReplayQueue::parts(const std::string& file) {
     return parts;
 }
 
-ReplayQueue::ReplayQueue(const std::string& file)
+ReplayQueue::ReplayQueue(const std::string& file, std::function<void()> waits)
     : m_file(file),
+      m_waits(std::move(waits)),
       m_workingFile(workingName(file)),
       m_progressFile(progressName(file)),
       m_damagedFile(damagedName(file)) {
@@ -187,6 +189,7 @@ bool ReplayQueue::moveAside() {
 }
 
 bool ReplayQueue::awaitWriters() const {
+    int intervals = 0;
     while (fcntl(m_working.get(), F_SETLEASE, F_RDLCK) != 0) {
         if (errno == EACCES && fchown(m_working.get(), geteuid(), -1) == 0) {
             continue;  // the owner may have a lease without a capability
@@ -196,6 +199,9 @@ bool ReplayQueue::awaitWriters() const {
         }
         if (stopRequested()) {
             return false;
+        }
+        if (++intervals == kPatience) {
+            m_waits();
         }
         nanosleep(&kWriterInterval, nullptr);
     }

@@ -3,6 +3,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,7 +40,8 @@ class ReplayQueue {
     static std::vector<Part> parts(const std::string& file);
 
     /// Throws when another process has a queue in the directory of `file`.
-    explicit ReplayQueue(const std::string& file);
+    /// @param waits is called when the file at work has been waited for a second.
+    ReplayQueue(const std::string& file, std::function<void()> waits);
 
     /// Takes up the file at work that an earlier process left, or moves the fallback file aside,
     /// and waits until no process can write to it any more.
@@ -68,6 +70,7 @@ class ReplayQueue {
     bool awaitWriters() const;
 
     const std::string m_file;
+    const std::function<void()> m_waits;
     const std::string m_workingFile;
     const std::string m_progressFile;
     const std::string m_damagedFile;

@@ -13,6 +13,7 @@
 #include "replay_queue.h"
 #include "spool_file.h"
 #include "stop_signals.h"
+#include "text_safety.h"
 
 namespace Quorvel {
 namespace {
@@ -36,7 +37,9 @@ struct Amount {
 class Replay {
  public:
     explicit Replay(const ReplayOptions& options)
-        : m_options(options), m_pace(options.recordsPerSecond), m_queue(options.file) {}
+        : m_options(options), m_pace(options.recordsPerSecond), m_queue(options.file, [this] {
+              say("waiting until no process has " + m_queue.workingFile() + " open for writing");
+          }) {}
 
     /// @return whether none is left; false when a stop was requested before.
     bool run() {
@@ -50,7 +53,7 @@ class Replay {
         }
         const std::string left = stopRequested() ? leftOver() : "";
         if (!left.empty()) {
-            std::cerr << "qvctl: stopped" << left << '\n';
+            say("stopped" + left);
         }
         return left.empty();
     }
@@ -66,6 +69,11 @@ class Replay {
     }
 
  private:
+    void say(const std::string& what) {
+        m_line.clear();
+        std::cerr << "qvctl: " << escapeForTerminal(what) << '\n';
+    }
+
     void connect() {
         while (!m_connection) {
             try {
@@ -83,8 +91,7 @@ class Replay {
         }
         if (gone.what() != m_lastReason) {
             m_lastReason = gone.what();
-            m_line.clear();
-            std::cerr << "qvctl: " << m_lastReason << "; trying again\n";
+            say(m_lastReason + "; trying again");
         }
         m_connection.reset();
         nanosleep(&kReconnectInterval, nullptr);
@@ -207,9 +214,8 @@ class Replay {
         while (!m_connection->isRead()) {
             nanosleep(&kReadInterval, nullptr);
             if (!m_isSaid && std::chrono::steady_clock::now() > patienceEnd) {
-                m_line.clear();
-                std::cerr << "qvctl: waiting until the agent has read what was sent (Ctrl-C twice "
-                             "does not wait, and up to 64 KiB will be sent again)\n";
+                say("waiting until the agent has read what was sent (Ctrl-C twice does not wait, "
+                    "and up to 64 KiB will be sent again)");
                 m_isSaid = true;
             }
         }
