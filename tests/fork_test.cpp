@@ -161,6 +161,14 @@ TEST_P(ForkInHandlerTest, WaitsForNothingAndLeavesTheInterruptedCallWhole) {
     EXPECT_TRUE(agent.hasReceived(fails ? 0 : 2));
 }
 
+TEST(ForkInForkTest, WaitsForNothingWhileTheParentGivesItsLocksBack) {
+    signal(SIGUSR1, forkInHandler);
+    handlersChild = 0;
+    interruption = {"pthread_rwlock_unlock", [] { raise(SIGUSR1); }};
+    awaitChild(runInChild([] {}));
+    EXPECT_EQ(handlersChild, 42);
+}
+
 std::atomic<bool> hasEntered{false}, isInside{false};  ///< a thread, the call that it lingers in
 
 void linger() {

@@ -36,8 +36,9 @@ class ForkRegistry {
     // The handlers count as an operation too: a signal handler may fork while they run.
     static void prepare() {
         const int error = errno;
+        const bool outermost = CallDepth::enter();
         ++waitingForks;
-        if (CallDepth::enter()) {
+        if (outermost) {
             m_lock.lock();
             m_forkedByInitialThread = isInitialThread();
             forEach(&ForkMember::lockForFork);
@@ -48,10 +49,11 @@ class ForkRegistry {
     static void parent() {
         const int error = errno;
         --waitingForks;
-        if (CallDepth::leave()) {
+        if (CallDepth::isOutermost()) {
             forEach(&ForkMember::unlockAfterFork);
             m_lock.unlock();
         }
+        CallDepth::leave();
         errno = error;
     }
 
@@ -130,6 +132,6 @@ void enrol(ForkMember& member, const void* owner) { ForkRegistry::enrol(member, 
 
 void withdraw(ForkMember& member) { ForkRegistry::withdraw(member); }
 
-void letForkPass() { ForkRegistry::letForkPass(); }
+[[gnu::cold, gnu::noinline]] void letForkPass() { ForkRegistry::letForkPass(); }
 
 }  // namespace Quorvel

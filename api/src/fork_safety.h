@@ -19,11 +19,11 @@ class CallDepth {
         std::atomic_signal_fence(std::memory_order_seq_cst);
         return outermost;
     }
-    /// @return whether none is open any more.
-    static bool leave() {
+    static void leave() {
         std::atomic_signal_fence(std::memory_order_seq_cst);
-        return --m_depth == 0;
+        --m_depth;
     }
+    static bool isOutermost() { return m_depth == 1; }
 
  private:
     static inline thread_local int m_depth __attribute__((tls_model("initial-exec"))) = 0;
