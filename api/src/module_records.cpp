@@ -13,7 +13,7 @@ namespace Quorvel {
 namespace {
 
 const uint32_t kModuleVersion = 2;
-const int kTypeId = 1000238;
+const int g_iTypeid = 1000238;
 const size_t kMaxAddressLength = 32;
 const int kDropped = -1;
 
@@ -66,7 +66,7 @@ void fill(ModuleInvokeMsg& invoke, const ModuleCall& call, int rate) {
 
 ModuleText textOf(const ModuleCall& call, int count) {
     ModuleText text;
-    text.typeId = kTypeId;
+    text.typeId = g_iTypeid;
     text.time = static_cast<int>(time(nullptr));
     text.mid = call.mid;
     text.sid = call.sid;

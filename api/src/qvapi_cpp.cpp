@@ -173,7 +173,7 @@ int CLogger::init(std::string logName, bool isModule) {
     }
     auto client = std::make_unique<SocketClient>();
     auto sampling = std::make_unique<Sampling>();
-    sampling->init(m_appname, kSamplingKey, kSamplingTableSize);
+    sampling->init(m_appname, kSamplingKey, QV_SAMPLING_TABLE_SIZE);
     // From here on nothing fails: a refused id leaves m_iMid alone, and so does a lack of memory.
     if (isModule) {
         m_iMid = mid;

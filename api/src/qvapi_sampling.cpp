@@ -86,7 +86,7 @@ int Sampling::getShm(int key, int size) {
     if (address == reinterpret_cast<void*>(-1)) {
         return -1;
     }
-    if (size < kSamplingTableSize) {
+    if (size < QV_SAMPLING_TABLE_SIZE) {
         shmdt(address);
         return -1;
     }

@@ -28,9 +28,10 @@ struct AppItem {
 };
 
 /// Size of the shared table in bytes: 100 slots.
-const int kSamplingTableSize = 100 * static_cast<int>(sizeof(AppItem));
+const int QV_SAMPLING_TABLE_SIZE = 100 * static_cast<int>(sizeof(AppItem));
 
-static_assert(sizeof(LogTypeItem) == 6 && sizeof(AppItem) == 1028 && kSamplingTableSize == 102800,
+static_assert(sizeof(LogTypeItem) == 6 && sizeof(AppItem) == 1028 &&
+                  QV_SAMPLING_TABLE_SIZE == 102800,
               "shared with the agent");
 
 /// Reader of the sampling rates that the agent publishes in a System V shared-memory segment
