@@ -42,6 +42,19 @@ const uint8_t kMaxBaseLogType = 110;
 char fallbackFile[] = "/data/qvagent/msgdat.dat";
 const off_t kMaxFallbackSize = 1000000000;
 
+// A request in the making. The operators for arrays would call these.
+class RequestMemory {
+ public:
+    explicit RequestMemory(size_t size) : m_bytes(static_cast<char*>(::operator new(size))) {}
+    ~RequestMemory() { ::operator delete(m_bytes); }
+    RequestMemory(const RequestMemory&) = delete;
+    RequestMemory& operator=(const RequestMemory&) = delete;
+    char* get() const { return m_bytes; }
+
+ private:
+    char* const m_bytes;
+};
+
 }  // namespace
 
 void CLogger::State::lockForFork() {
@@ -311,7 +324,7 @@ int CLogger::write_baselog(int8_t type, unsigned int timestamp, const char* fmt,
         update_errmsg("sendWithoutRecv buff length -1");
         return failed(QV_ERR_BUFFER_LENGTH, logType, len);
     }
-    const std::unique_ptr<char[]> request(new char[length]);
+    const RequestMemory request(length);
     frame(request.get(), data, len, logType, proType, tm);
     const CaughtFailure failure;
     const int res = m_pSocketClient->deliver(request.get(), static_cast<int>(length), m_needLock);

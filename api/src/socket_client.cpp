@@ -178,7 +178,7 @@ int SocketClient::sendWithoutRecv(char* buff, int length, bool lock) {
 }
 
 int SocketClient::deliver(char* buff, int length, bool lock) {
-    if (m_cSocketType > 1) {
+    if (__builtin_expect(m_cSocketType > 1, 0)) {
         return udp_write(buff, length);
     }
     const auto turn = lockIf(lock, m_pState->sendLock);
@@ -205,16 +205,19 @@ int SocketClient::tcp_write(int fd, char* buff, int length) {
     if (buff == nullptr || length < 0 || fd < 0) {
         return -1;
     }
-    int left = length;
-    while (left > 0) {
-        const ssize_t res = send(fd, buff + (length - left), left, MSG_NOSIGNAL);
-        if (res < 0) {
+    if (length == 0) {
+        return 0;
+    }
+    int sent = 0;
+    do {  // the expected way lies in one piece behind the system call, where jumps are dear
+        const ssize_t res = send(fd, buff + sent, length - sent, MSG_NOSIGNAL);
+        if (__builtin_expect(res < 0, 0)) {
             m_bConnected = false;
             break;
         }
-        left -= static_cast<int>(res);
-    }
-    return length - left;
+        sent += static_cast<int>(res);
+    } while (__builtin_expect(sent < length, 0));
+    return sent;
 }
 
 [[gnu::cold, gnu::noinline]] int SocketClient::conn(bool lock) {
