@@ -8,12 +8,14 @@
 
 namespace {
 
+QUORVEL_REAL(ftruncate);
 QUORVEL_REAL(write);
 
 /// Stands in for the library's next write, once.
 std::function<ssize_t(int fd, const char* data, size_t length)> nextWrite;
 
-int arraysAllocated = 0;
+std::function<void()> beforeCut = [] {};
+std::atomic<int> arraysAllocated{0};
 
 }  // namespace
 
@@ -23,6 +25,11 @@ extern "C" ssize_t write(int fd, const void* data, size_t length) {
     const auto standIn = std::exchange(nextWrite, nullptr);
     return standIn ? standIn(fd, static_cast<const char*>(data), length)
                    : real_write(fd, data, length);
+}
+
+extern "C" int ftruncate(int fd, off_t length) noexcept {
+    beforeCut();
+    return real_ftruncate(fd, length);
 }
 
 void* operator new[](size_t size) {
@@ -144,6 +151,21 @@ TEST_F(FallbackFileTest, KeepsWhatAnotherHasAppendedBehindAShortRecord) {
     };
     EXPECT_EQ(write(), kTurnedOver);
     EXPECT_EQ(contents(kFallbackFile), kRecord.substr(0, 9) + kRecord);
+}
+
+TEST_F(FallbackFileTest, KeepsWhatAnotherThreadAppendsWhileAShortRecordIsCutAway) {
+    std::thread other;
+    std::atomic<bool> written{false};
+    nextWrite = [](int fd, const char* data, size_t /*length*/) { return real_write(fd, data, 9); };
+    beforeCut = [&] {
+        other = std::thread([&] { written = write() == kTurnedOver; });
+        EXPECT_TRUE(eventually([&] { return written || waiters() == 1; }));
+    };
+    makeFile(0);
+    EXPECT_EQ(write(), kTurnedOver);
+    other.join();
+    beforeCut = [] {};
+    EXPECT_EQ(contents(kFallbackFile), kRecord);
 }
 
 const size_t kProcesses = 4;

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 
@@ -61,6 +62,16 @@ inline void onThreads(int count, const std::function<void(int)>& work) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+/// How many threads wait for others, as those do whose turn has not come.
+inline int waiters() {
+    const std::string waiting = std::to_string(SYS_futex) + ' ';
+    int count = 0;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        count += contents(thread.path() / "syscall").rfind(waiting, 0) == 0 ? 1 : 0;
+    }
+    return count;
 }
 
 /// Forks a child that runs `steps`, whose EXPECT_... name what fails there, and ends.

@@ -1,5 +1,3 @@
-#include <sys/syscall.h>
-
 #include <array>
 
 #include "support.h"
@@ -31,16 +29,6 @@ namespace Quorvel {
 namespace {
 
 const int kThreads = 8;
-
-/// How many threads wait for others, as those do whose turn has not come.
-int waiters() {
-    const std::string waiting = std::to_string(SYS_futex) + ' ';
-    int count = 0;
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-        count += contents(thread.path() / "syscall").rfind(waiting, 0) == 0 ? 1 : 0;
-    }
-    return count;
-}
 
 /// How often, at most, one thread sends between two of another's next sends.
 int mostTurnsBetween() {

@@ -19,10 +19,15 @@ namespace {
 class OpenFileLock final : public ForkMember {
  public:
     pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
+    // Taken within the other one. Writes share it; what was cut short is taken back alone.
+    pthread_rwlock_t writes = PTHREAD_RWLOCK_INITIALIZER;
 
     void lockForFork() override { pthread_rwlock_wrlock(&lock); }
     void unlockAfterFork() override { pthread_rwlock_unlock(&lock); }
-    void renewInChild() override { makeAnew(lock); }
+    void renewInChild() override {
+        makeAnew(lock);
+        makeAnew(writes);
+    }
 };
 
 OpenFileLock openFileLock;
@@ -45,13 +50,21 @@ void takeBack(int fd, off_t written) {
     }
 }
 
-// @return how much was appended, or -1 with errno set.
-ssize_t writeWhole(int fd, const char* data, size_t length) {
+// @return how much was written, or -1 with errno set.
+ssize_t writeOnce(int fd, const char* data, size_t length) {
+    const ReadGuard guard(openFileLock.writes);
     ssize_t written;
     do {
         written = write(fd, data, length);
     } while (written < 0 && errno == EINTR);
+    return written;
+}
+
+// @return as writeOnce(); less than `length` was taken back if it could be.
+ssize_t writeWhole(int fd, const char* data, size_t length) {
+    const ssize_t written = writeOnce(fd, data, length);
     if (written >= 0 && static_cast<size_t>(written) < length) {
+        const WriteGuard guard(openFileLock.writes);
         takeBack(fd, written);
     }
     return written;
