@@ -8,11 +8,10 @@
 namespace Quorvel {
 
 /// A mutex that serves its waiters in the order of their coming. While it is free newcomers may
-/// pass them, which spares a switch of threads for each turn, but for 1.5 ms at most for each place
-/// that a waiter had in the line; and once the first in line saw a turn of 5 ms and more, all
-/// that stood in line go first. A first in line that has the right of way but no processor for more
-/// than 0.1 ms is passed nevertheless. Waits on futexes (futex(2)), which are no cancellation
-/// points, and allocates nothing.
+/// pass them, which spares a switch of threads for each turn, until the first in line has waited
+/// for 1.5 ms for each place that it had in the line; and once it saw a turn of 5 ms and more, all
+/// that stood in line go first. Newcomers give way to it for 0.1 ms: it may lack a processor.
+/// Waits on futexes (futex(2)), which are no cancellation points, and allocates nothing.
 class FairMutex {
  public:
     void lock() {

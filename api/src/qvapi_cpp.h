@@ -75,6 +75,9 @@ const int QV_STAT_TYPE_MAX = 3;    ///< keeps the larger one
 ///   its child may only _exit or exec. Logging from such a handler is not supported.
 /// - The application's own fork handlers (pthread_atfork(3)) must not log.
 /// - vfork, posix_spawn and raw clone run no fork handlers: their children must exec.
+/// - A thread_local logger may stand in the program and in libraries loaded with it. In one that
+///   dlopen(3) loads its memory goes away unseen with its thread, and a child that lacks the thread
+///   must not fork again.
 class CLogger {
  public:
     union {  // ends within the destructor, where errno is kept: its own always releases memory

@@ -27,8 +27,8 @@ namespace Quorvel {
 /// buffer full (1 MiB is asked for; the kernel caps it, see net.core.wmem_max in socket(7)), which
 /// is once for a request that the buffer has room for. With locking, writers on one stream take
 /// turns in the order of their coming: a call waits for the writes of those before it, newcomers
-/// pass it for at most 1.5 ms for each place that it had in the line, and nobody passes once the
-/// first in line saw a turn of 5 ms. With n threads that is at most n times 6.5 ms and a tick.
+/// pass it for at most 1.5 ms for each thread in the line, and nobody passes once the first in line
+/// saw a turn of 5 ms. With n threads that is at most n times 6.5 ms and a tick.
 /// While one of them connects the others wait for it, once: when it fails, the back-off turns them
 /// all away. What the scheduler takes comes on top. A datagram never waits.
 ///
@@ -37,8 +37,8 @@ namespace Quorvel {
 /// operation leaves errno as it was.
 ///
 /// pthread_cancel(3): a send can be cancelled in its write to the agent, not while it waits for its
-/// turn, connects or appends to the fallback file. The connection is closed then, since part of a
-/// request may be on it. Asynchronous cancellation is not supported.
+/// turn, connects or appends to the fallback file. A stream's connection is closed then, since part
+/// of a request may be on it. Asynchronous cancellation is not supported.
 ///
 /// fork: the child closes what it inherited before fork() returns there, and its first send
 /// connects anew; see CLogger.
