@@ -11,7 +11,7 @@ cmake_dependent_option(QUORVEL_BUILD_FUZZERS "Build the fuzz targets, which need
 set(known QUORVEL_BUILD_TOOLS QUORVEL_BUILD_TESTS QUORVEL_BUILD_BENCHMARKS QUORVEL_BUILD_EXAMPLES
   QUORVEL_BUILD_FUZZERS)
 get_cmake_property(unknown CACHE_VARIABLES)
-list(FILTER unknown INCLUDE REGEX "^QUORVEL_")
+list(FILTER unknown INCLUDE REGEX "^QUORVEL_BUILD_")
 list(REMOVE_ITEM unknown ${known})
 if(unknown)
   foreach(variable IN LISTS unknown)

@@ -23,7 +23,7 @@ cmake --build "$work/examples" >/dev/null
 application part
 lines cmake 'As a part of your build' >CMakeLists.txt
 ln -s "$work/quorvel" quorvel
-cmake -B build >/dev/null
+cmake -B build -DCMAKE_CXX_VISIBILITY_PRESET=hidden >/dev/null
 cmake --build build --verbose >log
 ! grep -e -Werror log || { echo "-Werror in an application's build" && exit 1; }
 ! grep '_DIR:PATH=/' build/CMakeCache.txt || { echo "the library needs more than a compiler" && exit 1; }
