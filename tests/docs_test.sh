@@ -4,6 +4,8 @@
 # - cpp with a main is the program ./main of the blocks behind it; without one it is the body of a
 #   function with a `logger` that is initialised and a time stamp `now`.
 # - sh runs; a text right behind it is what it prints to the standard output.
+# - console is a session in the source's directory: its command begins to print what is shown, but for
+#   numbers.
 set -euo pipefail
 # shellcheck source=tests/await.sh
 source "${0%/*}/await.sh"
@@ -35,6 +37,12 @@ qvctl() {
     await grep 'listening on udp' "$work/agent"
 }
 
+session() {
+    read -ra command < <(sed -n '1s/^# //p' "$1")
+    (cd "$source" && timeout --signal=INT 5 "${command[@]}") >"$work/session" || true
+    diff <(sed -n '2s/[0-9]*//gp' "$1") <(sed '1!d; s/[0-9]*//g' "$work/session")
+}
+
 build_main() { "${compiler[@]}" "$1" -o main "$library" -Wl,-rpath,"${library%/*}"; }
 
 build_body() {
@@ -60,6 +68,7 @@ for block in "$work"/blocks/*; do
     case $block in
         *.cpp) if grep -q 'int main' "$block"; then build_main "$block"; else build_body "$block"; fi ;;
         *.sh) source "$block" >"$work/printed" ;;
+        *.console) session "$block" ;;
         *.text) diff "$block" "$work/printed" ;;
     esac
 done
