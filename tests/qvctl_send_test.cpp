@@ -45,6 +45,7 @@ TEST(QvctlSend, SaysWhetherTheFallbackFileTookWhatWasTurnedOver) {
          "took none of 1 records turned over: " + file + ": Permission denied\n"},
         {"truncate -s 1000000001 " + file + "; qvctl send stat app x n=7", "file: 0\nlost: 1\n",
          "the file is full\n"},
+        {"qvctl send app a", "file: 0\nlost: 1\n", "the file is full\n"},
     };
     for (const auto& [script, counts, reason] : rows) {
         const std::string output = run(script, 1, counts);

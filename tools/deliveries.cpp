@@ -14,10 +14,10 @@ void Deliveries::add(int code, const std::string& error, size_t textLength) {
     m_bytes += textLength;
     if (code == QV_ERR_OK) {
         ++m_accepted;
-    } else if (code != QV_ERR_CONNECT && code != QV_ERR_WRITE) {
+    } else if (code != QV_ERR_CONNECT && code != QV_ERR_WRITE && code != QV_ERR_FALLBACK_FULL) {
         std::cerr << "qvctl: record " << m_records << " lost with code " << code << ": " << error
                   << '\n';
-    } else if (m_watch.tookRequest(kPrefixLength + textLength)) {
+    } else if (code != QV_ERR_FALLBACK_FULL && m_watch.tookRequest(kPrefixLength + textLength)) {
         ++m_kept;
     } else {
         ++m_gone;

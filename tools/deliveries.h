@@ -30,7 +30,7 @@ class Deliveries {
     uint64_t m_bytes = 0;
     uint64_t m_accepted = 0;
     uint64_t m_kept = 0;  // turned over to the fallback file, which grew
-    uint64_t m_gone = 0;  // turned over, but the file did not grow
+    uint64_t m_gone = 0;  // turned over, but the file is full or did not grow
 };
 
 }  // namespace Quorvel
