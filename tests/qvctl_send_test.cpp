@@ -61,6 +61,16 @@ TEST(QvctlSend, ReportsAtAnInterrupt) {
     EXPECT_EQ(send.output().find("accepted: 1\n"), 0U) << send.output();
 }
 
+TEST(QvctlSend, FailsWhenStoppedBeforeAllWasWritten) {
+    for (const std::string records : {"x y", "x --repeat 2", "<<<$'x\ny'"}) {
+        const Listen listen;
+        Shell send("exec qvctl send --rate 1 app " + records);
+        ASSERT_TRUE(listen.prints("\"body\":\"x\""));
+        EXPECT_EQ(send.finish(SIGTERM), 1);
+        EXPECT_EQ(send.output().find("accepted: 1\n"), 0U) << send.output();
+    }
+}
+
 TEST(Qvctl, EndsWithTwoOnWrongUsageAndNamesIt) {
     const std::pair<std::string, std::string> rows[] = {
         {"frob", "unknown verb: frob; qvctl --help"},

@@ -20,24 +20,26 @@ bool LineReader::next(std::string_view& line) {
     size_t end = m_text.find('\n', m_begin);
     while (end == std::string::npos) {
         m_text.erase(0, m_begin);
+        m_offset += m_begin;
         m_begin = 0;
         const size_t searched = m_text.size();
         if (!readMore()) {
             line = m_text;
             m_begin = m_text.size();
-            return !line.empty() && !stopRequested();
+            return !line.empty();
         }
         end = m_text.find('\n', searched);
     }
     line = std::string_view(m_text).substr(m_begin, end - m_begin);
     m_begin = end + 1;
-    return !stopRequested();
+    return true;
 }
 
 double LineReader::part() const {
     struct stat status {};
     const bool isKnown = fstat(STDIN_FILENO, &status) == 0 && status.st_size > 0;
-    return isKnown ? static_cast<double>(m_read) / static_cast<double>(status.st_size) : 0;
+    return isKnown ? static_cast<double>(m_offset + m_begin) / static_cast<double>(status.st_size)
+                   : 0;
 }
 
 bool LineReader::readMore() {
@@ -51,7 +53,6 @@ bool LineReader::readMore() {
         throw std::runtime_error(std::string("cannot read standard input: ") + strerror(errno));
     }
     m_text.resize(size + static_cast<size_t>(length));
-    m_read += static_cast<uint64_t>(length);
     return length > 0;
 }
 

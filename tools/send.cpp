@@ -61,6 +61,7 @@ class Sender {
         for (uint64_t i = 0; i < m_options.repeat; ++i) {
             m_pace.await();
             if (stopRequested()) {
+                m_isCutShort = true;
                 return;
             }
             const int code = write(body);
@@ -80,7 +81,10 @@ class Sender {
     int report() {
         m_progress.clear();
         m_deliveries.report();
-        return m_deliveries.allAccepted() ? 0 : 1;
+        if (m_isCutShort) {
+            std::cerr << "qvctl: stopped before all records were written\n";
+        }
+        return m_deliveries.allAccepted() && !m_isCutShort ? 0 : 1;
     }
 
  private:
@@ -102,6 +106,7 @@ class Sender {
     const bool m_showsProgress;
     ProgressLine m_progress;
     Deliveries m_deliveries;
+    bool m_isCutShort = false;
 };
 
 std::string contents(const std::string& path) {
@@ -160,7 +165,8 @@ void addSendVerb(CLI::App& program, int& status) {
         "were lost (with the reason). Ctrl-C ends it with the report.\n"
         "An application that is itself called module or stat stands behind --.\n"
         "Example: qvctl send myapp 'user=7&action=login' --type 5 --repeat 1000 --rate 100\n"
-        "Exit status: 0 all accepted, 1 not all accepted or none could be written, 2 wrong usage.");
+        "Exit status: 0 all accepted, 1 not all accepted, none could be written, or stopped\n"
+        "before all that was named or read was written, 2 wrong usage.");
     verb->add_option("NAME", options->name, "The application's name")
         ->type_name("")
         ->transform(unprotect);
