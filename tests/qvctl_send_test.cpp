@@ -83,6 +83,7 @@ TEST(Qvctl, EndsWithTwoOnWrongUsageAndNamesIt) {
         {"send app a --type 111", "--type: 111 is no number from 0 to 110\n"},
         {"send app a --time 4294967296", "--time: 4294967296 is no number"},
         {"send app a --binary file", "TEXT excludes --binary"},
+        {"send app --binary ''", "--binary: the name is empty\n"},
         {"send module 7 --fip 1.2.3", "--fip: 1.2.3 is no IPv4 address\n"},
         {"send stat app x a=2147483648", "a: 2147483648 is no number"},
         {"send stat app x a=1 a=2", "a is given twice\n"},

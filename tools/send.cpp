@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <qvapi_cpp.h>
 #include <stdint.h>
 #include <string.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -22,6 +24,7 @@
 #include "line_reader.h"
 #include "pace.h"
 #include "progress_line.h"
+#include "request_format.h"
 #include "stop_signals.h"
 #include "transport.h"
 #include "verbs.h"
@@ -94,8 +97,9 @@ class Sender {
         const auto type = static_cast<int8_t>(m_options.type);
         const bool isBinary = !m_options.binary.empty();
         if (isBinary || m_options.keepEmpty) {
-            return m_logger.write_baselog(body.data(), static_cast<unsigned int>(body.size()), type,
-                                          isBinary ? 1 : 0, timestamp);
+            // A length that 32 bits cannot hold stays one that the library refuses.
+            const auto length = static_cast<unsigned int>(std::min<size_t>(body.size(), UINT_MAX));
+            return m_logger.write_baselog(body.data(), length, type, isBinary ? 1 : 0, timestamp);
         }
         return m_logger.write_baselog(type, std::string(body), false, timestamp);
     }
@@ -109,15 +113,21 @@ class Sender {
     bool m_isCutShort = false;
 };
 
-std::string contents(const std::string& path) {
+/// @return the file's bytes, or those that were read before a stop was requested. Throws when it
+/// cannot be read or has more bytes than `limit`.
+std::string contents(const std::string& path, size_t limit) {
     const Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string bytes;
     char part[1 << 16];
     ssize_t length = fd.get();
-    while (length >= 0 && (length = read(fd.get(), part, sizeof(part))) > 0) {
+    while (length >= 0 && !stopRequested() && (length = read(fd.get(), part, sizeof(part))) > 0) {
+        if (bytes.size() + static_cast<size_t>(length) > limit) {
+            throw std::runtime_error(path + " has more than the " + std::to_string(limit) +
+                                     " bytes that a record has room for");
+        }
         bytes.append(part, static_cast<size_t>(length));
     }
-    if (length < 0) {
+    if (length < 0 && !stopRequested()) {
         throw std::runtime_error("cannot read " + path + ": " + strerror(errno));
     }
     return bytes;
@@ -140,7 +150,8 @@ int send(const SendOptions& options) {
         sender.send(options.texts[i], share * static_cast<double>(i), share);
     }
     if (!options.binary.empty()) {
-        sender.send(contents(options.binary), 0, 1);
+        const size_t limit = INT_MAX - kPrefixLength - options.name.size();
+        sender.send(contents(options.binary, limit), 0, 1);
     } else if (options.texts.empty()) {
         sendLines(options, sender);
     }
@@ -178,6 +189,7 @@ void addSendVerb(CLI::App& program, int& status) {
     verb->add_option("--binary", options->binary, "Send this file's bytes as one binary record")
         ->type_name("FILE")
         ->transform(unprotect)
+        ->check([](const std::string& file) { return file.empty() ? "the name is empty" : ""; })
         ->excludes(texts);
     verb->add_flag("--keep-empty", options->keepEmpty,
                    "Send empty lines and texts, too; empty lines are skipped by default");
