@@ -31,6 +31,11 @@ TEST(QvctlCheck, SucceedsOnlyWhereRecordsWouldBeDeliveredAndKept) {
         {"", "chmod 500 /data/qvagent;", 1, "FAILED  fallback file " + file + ": Permission"},
         {"", "touch " + file + "; chmod 0 " + file + ";", 1, "dat: Permission denied\n"},
         {"", "ln -s /dev/null " + file + ";", 1, "is not a regular file\n"},
+        {"", "mkfifo " + file + ";", 1, "is not a regular file\n        remove what stands"},
+        {"", "rmdir /data/qvagent; touch /data/qvagent;", 1, "directory\n        move away what"},
+        {"", "mount -t tmpfs -o ro none /data/qvagent;", 1, "file system\n        mount its file"},
+        {"", "ln -s /data/gone/x " + file + ";", 1, "link to /data/gone/x: No such file"},
+        {"", "ln -s /data/x " + file + ";", 0, "note    fallback file " + file + ", a symbolic"},
         {"", "truncate -s 1000000000 " + file + ";", 0, "note    fallback file "},
         {"", "truncate -s 1000000001 " + file + ";", 1, "bytes, full\n"},
         {"", "echo >" + file + ".replay;", 0, "note    " + file + ".replay: 1 bytes, of a replay"},
@@ -41,7 +46,7 @@ TEST(QvctlCheck, SucceedsOnlyWhereRecordsWouldBeDeliveredAndKept) {
         {"", "qvctl rates create;", 0, "ok      sampling table with 0 applications\n"},
     };
     for (const auto& [endpoints, change, code, line] : rows) {
-        run("umount /data/qvagent; ipcrm -M 9777; rm -r /data/*/; qvctl setup");
+        run("umount /data/qvagent; ipcrm -M 9777; rm -rf /data/*/ /data/qvagent; qvctl setup");
         const Listen listen(endpoints);
         const std::string restricted = "setpriv --bounding-set=-dac_override,-ipc_owner ";
         run(change + restricted + "qvctl check", code, line);

@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "agent_address.h"
 #include "agent_sockets.h"
@@ -20,6 +22,7 @@
 #include "record_printer.h"
 #include "replay_queue.h"
 #include "sampling_table.h"
+#include "text_safety.h"
 #include "transport.h"
 #include "verbs.h"
 
@@ -29,6 +32,8 @@ namespace {
 const int kConnectMilliseconds = 1000;
 const int kLookMilliseconds = 20;
 const uint64_t kLeastRoom = 1 << 20;
+const char kNoDirectoryAdvice[] =
+    "move away what stands in its directory's place; then \"qvctl setup\" makes that";
 
 enum class Level { kGood, kNote, kBad };
 
@@ -68,8 +73,9 @@ int connectError(Transport transport, const Address& address) {
 
 std::string adviceToConnect(int error) {
     switch (error) {
-        case ENOENT:
         case ENOTDIR:
+            return kNoDirectoryAdvice;
+        case ENOENT:
             return "run \"qvctl setup\" where its directory is missing, and start the agent "
                    "(\"qvctl listen\" stands in for it)";
         case EACCES:
@@ -96,38 +102,78 @@ Finding checkUdp() {
                                    adviceToConnect(ECONNREFUSED)};
 }
 
+/// Where the fallback file leads as a symbolic link; empty when it is none.
+std::filesystem::path linkTarget() {
+    std::error_code none;
+    const std::filesystem::path target = std::filesystem::read_symlink(kFallbackFile, none);
+    return target.empty() ? target : kFallbackDirectory / target;
+}
+
 /// The error with which this user cannot append to the fallback file; 0 for none. The file is
-/// opened as applications do it when it is there, and not made when it is not.
-int appendError() {
-    if (access(kFallbackFile, F_OK) != 0) {
-        return faccessat(AT_FDCWD, kFallbackDirectory, W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
+/// opened as applications do it when it is there, and not made in `directory` when it is not.
+int appendError(const std::string& directory) {
+    struct stat status {};
+    if (stat(kFallbackFile, &status) == 0) {
+        const Descriptor file(
+            open(kFallbackFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+                 0666));
+        return file.get() >= 0 ? 0 : errno;
     }
-    const Descriptor file(open(
-        kFallbackFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
-    return file.get() >= 0 ? 0 : errno;
+    const bool canBeMade =
+        errno == ENOENT && faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+    return canBeMade ? 0 : errno;
+}
+
+std::string adviceToAppend(int error) {
+    switch (error) {
+        case ENOENT:
+            return "\"qvctl setup\" makes the directory";
+        case ENOTDIR:
+            return kNoDirectoryAdvice;
+        case EROFS:
+            return "mount its file system for writing";
+        default:
+            return "\"qvctl setup\" opens the directory; the file needs mode 0666";
+    }
+}
+
+std::string adviceToReplay(uid_t owner) {
+    const bool isAllowed = geteuid() == 0 || geteuid() == owner;
+    return "\"qvctl spool replay\"" +
+           (isAllowed ? "" : ", run by root or by the user " + std::to_string(owner) + ",") +
+           " sends its records";
 }
 
 Finding checkFallback() {
-    const std::string name = std::string("fallback file ") + kFallbackFile;
-    const int error = appendError();
-    if (error != 0) {
-        return {Level::kBad, name + ": " + strerror(error),
-                "\"qvctl setup\" makes the directory and opens it; the file needs mode 0666"};
-    }
+    const std::filesystem::path target = linkTarget();
+    const bool isLink = !target.empty();
+    const std::string name =
+        std::string("fallback file ") + kFallbackFile +
+        (isLink ? ", a symbolic link to " + escapeForTerminal(target.string()) : "");
     struct stat status {};
     if (stat(kFallbackFile, &status) == 0 && !S_ISREG(status.st_mode)) {
         return {Level::kBad, name + " is not a regular file", "remove what stands there"};
     }
+    const int error = appendError(isLink ? target.parent_path().string() : kFallbackDirectory);
+    if (error != 0) {
+        return {Level::kBad, name + ": " + strerror(error),
+                isLink ? "remove the link" : adviceToAppend(error)};
+    }
     const auto size = static_cast<uint64_t>(status.st_size);
     const std::string fill =
         name + ": " + std::to_string(size) + " of " + std::to_string(kMaxFallbackSize) + " bytes";
+    const std::string advice = isLink
+                                   ? "\"qvctl spool replay\" follows no link: name the file that "
+                                     "it leads to, if that is for records"
+                                   : adviceToReplay(status.st_uid);
     if (size > kMaxFallbackSize) {
-        return {Level::kBad, fill + ", full", "\"qvctl spool replay\" sends its records"};
+        return {Level::kBad, fill + ", full", advice};
     }
     if (size > 0) {
-        return {Level::kNote, fill + ", not yet sent", "\"qvctl spool replay\" sends them"};
+        return {Level::kNote, fill + ", not yet sent", advice};
     }
-    return {Level::kGood, fill + ", writable for this user", ""};
+    return {isLink ? Level::kNote : Level::kGood, fill + ", writable for this user",
+            isLink ? advice : ""};
 }
 
 std::optional<Finding> checkStickyBit() {
