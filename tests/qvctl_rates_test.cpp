@@ -135,7 +135,7 @@ TEST_F(QvctlRates, RefusesWhatItCannotDoAndLeavesTheTable) {
         {kSize - 1, 0666, 0, "qvctl rates", 1, "has 102799 bytes, and applications need 102800"},
         {kSize - 1, 0666, 0, "qvctl rates set app 1 2", 1, "has 102799 bytes"},
         {kSize - 1, 0666, 0, "qvctl rates create", 1, "has 102799 bytes"},
-        {kSize, 0, 0, noPermission + "qvctl rates", 1, "table: Permission denied"},
+        {kSize, 0, 0, noPermission + "qvctl rates", 1, "denied; applications need mode 0666: "},
         {kSize, 0444, 0, noPermission + "qvctl rates set app 1 2", 1, "change the sampling table"},
         {kSize, 0666, 0, "qvctl rates set app 128 2", 2, "0 to 127"},
         {kSize, 0666, 0, "qvctl rates set app 9-5 2", 2, "0 to 127"},

@@ -17,8 +17,17 @@ const uint8_t kKeepAll = 1;
 // Present on every Linux host, open to every user, and shared by containers that share the segment.
 const char kLockDirectory[] = "/dev/shm";
 
+const char kRemake[] = "remove it (ipcrm -M 9777), then \"qvctl rates create\"";
+
 [[noreturn]] void failWithErrno(const std::string& what) {
     throw std::runtime_error(what + ": " + strerror(errno));
+}
+
+/// @param use what this process cannot do with the table
+[[noreturn]] void failToUse(const std::string& use) {
+    const std::string remedy =
+        errno == EACCES ? std::string("; applications need mode 0666: ") + kRemake : "";
+    throw std::runtime_error("cannot " + use + " the sampling table: " + strerror(errno) + remedy);
 }
 
 void storeByte(void* to, size_t offset, uint8_t value) {
@@ -48,7 +57,7 @@ int findSegment() {
             "\"qvctl rates create\"");
     }
     if (id < 0) {
-        failWithErrno("cannot find the sampling table");
+        failToUse("find");
     }
     return id;
 }
@@ -102,18 +111,16 @@ AppItem clearRates(AppItem* table, const std::string& name) {
 SamplingSegment::SamplingSegment(Access access) {
     const int id = findSegment();
     if (shmctl(id, IPC_STAT, &m_status) != 0) {
-        failWithErrno("cannot look at the sampling table");
+        failToUse("look at");
     }
     if (m_status.shm_segsz < kSegmentSize) {
-        throw std::runtime_error("the shared memory with key 9777 has " +
-                                 std::to_string(m_status.shm_segsz) +
-                                 " bytes, and applications need " + std::to_string(kSegmentSize) +
-                                 ": remove it (ipcrm -M 9777), then \"qvctl rates create\"");
+        throw std::runtime_error(
+            "the shared memory with key 9777 has " + std::to_string(m_status.shm_segsz) +
+            " bytes, and applications need " + std::to_string(kSegmentSize) + ": " + kRemake);
     }
     void* const address = shmat(id, nullptr, access == Access::kRead ? SHM_RDONLY : 0);
     if (address == reinterpret_cast<void*>(-1)) {
-        failWithErrno(access == Access::kRead ? "cannot read the sampling table"
-                                              : "cannot change the sampling table");
+        failToUse(access == Access::kRead ? "read" : "change");
     }
     m_table = static_cast<AppItem*>(address);
 }
