@@ -96,6 +96,8 @@ TEST(QvctlListen, TakesOverAStaleSocketButNothingElse) {
     run("mkdir -p /data/container2host; echo mine >" + path + "; qvctl listen", 1, "not a socket");
     EXPECT_EQ(contents(path), "mine\n");
     std::filesystem::remove(path);
+    const std::string directory = "/data/container2host";
+    run("flock " + directory + " qvctl listen", 1, "another process has locked " + directory);
     EXPECT_EQ(Listen().finish(SIGKILL) + access(path.c_str(), F_OK), -1);
     const Listen listen;
     for (const std::string& transport : kTransports) {

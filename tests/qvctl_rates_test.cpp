@@ -89,11 +89,12 @@ TEST_F(QvctlRates, ReadersMeetOnlyWholeSlots) {
 }
 
 TEST_F(QvctlRates, WritersWaitForEachOther) {
-    auto lock = std::make_unique<SamplingWriterLock>();
+    auto lock = std::make_unique<SamplingWriterLock>([] {});
     Shell writer("exec qvctl rates set app all 7");
     const std::string waiting = "-> FLOCK  ADVISORY  WRITE " + std::to_string(writer.pid());
     EXPECT_TRUE(
         eventually([&] { return contents("/proc/locks").find(waiting) != std::string::npos; }));
+    EXPECT_TRUE(writer.prints("waiting until no other process has /dev/shm locked\n"));
     EXPECT_EQ(bytes(), std::string(kSize, '\0'));
     lock.reset();
     EXPECT_EQ(writer.finish(), 0);

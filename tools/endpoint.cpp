@@ -79,6 +79,9 @@ void Endpoint::openUnix(mode_t socketMode) {
     // from taking the one for stale or removing the other.
     const Descriptor lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (lock.get() < 0 || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) {
+            fail("another process has locked " + directory.string());
+        }
         failWithErrno("cannot lock its directory");
     }
     removeStaleFile();
@@ -149,7 +152,7 @@ void Endpoint::fail(const std::string& what) const {
 }
 
 void Endpoint::failWithErrno(const std::string& what) const {
-    if (errno == EADDRINUSE || errno == EWOULDBLOCK) {
+    if (errno == EADDRINUSE) {
         fail("another process serves it");
     }
     const bool forbidden = errno == EACCES || errno == EPERM || errno == EROFS;

@@ -39,6 +39,10 @@ void warnOfMissingMarker() {
     }
 }
 
+void sayThatItWaits() {
+    std::cerr << "qvctl: waiting until no other process has " << kSamplingLock << " locked\n";
+}
+
 std::string userName(uid_t uid) {
     const passwd* const entry = getpwuid(uid);
     return entry != nullptr ? escapeForTerminal(entry->pw_name) : "an unknown user";
@@ -80,7 +84,7 @@ void show(const ShowOptions& options) {
 /// Makes one change of the table and shows what the application's slot holds then.
 template <typename Change>
 void change(const Change& make) {
-    const SamplingWriterLock lock;
+    const SamplingWriterLock lock(sayThatItWaits);
     const SamplingSegment segment(SamplingSegment::Access::kChange);
     Output output;
     printReadableRates(make(segment.table()), output);
@@ -89,7 +93,7 @@ void change(const Change& make) {
 }
 
 void create() {
-    const SamplingWriterLock lock;
+    const SamplingWriterLock lock(sayThatItWaits);
     std::cout << (createSamplingSegment() ? "created the table\n" : "the table is there\n");
     const SamplingSegment usable(SamplingSegment::Access::kChange);
     std::cout << (createSamplingMarker() ? "created " : "there is ") << kSamplingMarker << '\n';

@@ -14,9 +14,6 @@ namespace {
 const size_t kSegmentSize = kSamplingSlots * sizeof(AppItem);
 const uint8_t kKeepAll = 1;
 
-// Present on every Linux host, open to every user, and shared by containers that share the segment.
-const char kLockDirectory[] = "/dev/shm";
-
 const char kRemake[] = "remove it (ipcrm -M 9777), then \"qvctl rates create\"";
 
 [[noreturn]] void failWithErrno(const std::string& what) {
@@ -125,10 +122,15 @@ SamplingSegment::SamplingSegment(Access access) {
     m_table = static_cast<AppItem*>(address);
 }
 
-SamplingWriterLock::SamplingWriterLock()
-    : m_directory(open(kLockDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (m_directory.get() < 0 || flock(m_directory.get(), LOCK_EX) != 0) {
-        failWithErrno(std::string("cannot lock ") + kLockDirectory);
+SamplingWriterLock::SamplingWriterLock(void (*waits)())
+    : m_directory(open(kSamplingLock, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    int result = m_directory.get() < 0 ? -1 : flock(m_directory.get(), LOCK_EX | LOCK_NB);
+    if (result != 0 && errno == EWOULDBLOCK) {
+        waits();
+        result = flock(m_directory.get(), LOCK_EX);
+    }
+    if (result != 0) {
+        failWithErrno(std::string("cannot lock ") + kSamplingLock);
     }
 }
 

@@ -14,6 +14,8 @@ namespace Quorvel {
 
 const key_t kSamplingKey = 9777;
 const size_t kSamplingSlots = 100;
+// Present on every Linux host, open to every user, and shared by containers that share the segment.
+const char kSamplingLock[] = "/dev/shm";
 const char kSamplingMarker[] = "/data/qvagent/qv_shm_sampling";
 
 /// The slots in use as a reader meets them: those before the first free one.
@@ -56,7 +58,8 @@ class SamplingSegment {
 class SamplingWriterLock {
  public:
     /// Waits until no other process holds it.
-    SamplingWriterLock();
+    /// @param waits called first when one does.
+    explicit SamplingWriterLock(void (*waits)());
 
  private:
     Descriptor m_directory;
