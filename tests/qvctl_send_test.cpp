@@ -16,7 +16,7 @@ TEST(QvctlSend, ReportsWhatBecameOfTheRecords) {
         {"app --keep-empty <<<$'a\n'", 0, "accepted: 2\n", R"("body":""})"},
         {"app a b --repeat 3 --rate 1000", 0, "accepted: 6\n", R"("body":"b"})"},
         {"app --transport udp -- --type", 0, "accepted: 1\n", R"("body":"--type"})"},
-        {"-- module a", 0, "accepted: 1\n", R"("application":"module")"},
+        {"-- module stat", 0, "accepted: 1\n", R"("application":"module",)"},
         {"app --binary <(printf '\\0\\377')", 0, "accepted: 1\n",
          R"("command":6,"logType":0,"timestamp":)"},
         {"module 7 --retval -5", 0, "accepted: 1\n", R"("iRetVal":-5,)"},
@@ -74,6 +74,7 @@ TEST(QvctlSend, FailsWhenStoppedBeforeAllWasWritten) {
 TEST(Qvctl, EndsWithTwoOnWrongUsageAndNamesIt) {
     const std::pair<std::string, std::string> rows[] = {
         {"frob", "unknown verb: frob; qvctl --help"},
+        {"--frob", "unknown option: --frob; qvctl --help"},
         {"spool frob", "unknown verb: frob; qvctl spool --help"},
         {"listen --count $'\\e'", "\\x1B is no number"},
         {"listen --count 0", "0 is no number from 1 to 9223372036854775807\n"},

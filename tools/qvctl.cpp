@@ -44,8 +44,9 @@ int run(int argc, char** argv) {
         const CLI::App& verb = chosen.empty() ? program : *chosen.front();
         const std::vector<std::string> unknown = verb.remaining();
         if (verb.get_require_subcommand_min() > verb.get_subcommands().size() && !unknown.empty()) {
-            std::cerr << "qvctl: unknown verb: " << Quorvel::escapeForTerminal(unknown.front())
-                      << "; " << (chosen.empty() ? "" : "qvctl ") << verb.get_name()
+            std::cerr << "qvctl: unknown " << (unknown.front()[0] == '-' ? "option: " : "verb: ")
+                      << Quorvel::escapeForTerminal(unknown.front()) << "; "
+                      << (chosen.empty() ? "" : "qvctl ") << verb.get_name()
                       << " --help lists them\n";
             return 2;
         }

@@ -174,7 +174,7 @@ void addSendVerb(CLI::App& program, int& status) {
         "Reports how many records were accepted (sent, or dropped by sampling), how many the\n"
         "fallback file took because the agent could not, as far as its growth tells, and how many\n"
         "were lost (with the reason). Ctrl-C ends it with the report.\n"
-        "An application that is itself called module or stat stands behind --.\n"
+        "A NAME or TEXT that is itself module or stat stands behind --, as does the NAME then.\n"
         "Example: qvctl send myapp 'user=7&action=login' --type 5 --repeat 1000 --rate 100\n"
         "Exit status: 0 all accepted, 1 not all accepted, none could be written, or stopped\n"
         "before all that was named or read was written, 2 wrong usage.");
