@@ -166,6 +166,15 @@ TEST_F(QvctlSpool, EndsWhereItCannotRemoveTheFile) {
     EXPECT_TRUE(hasRead(agent, "once "));
 }
 
+TEST_F(QvctlSpool, SendsNothingWhereItCannotStoreItsProgress) {
+    run("mount -t tmpfs -o size=4k full /data/qvagent");
+    store(record("once"));
+    const TestAgent agent(0);
+    run("qvctl spool replay", 1, ".progress: No space left on device; make room on its disk first");
+    run("mount -o remount,size=8k /data/qvagent && qvctl spool replay; umount /data/qvagent");
+    EXPECT_TRUE(hasRead(agent, "once "));
+}
+
 TEST_F(QvctlSpool, WaitsForTheAgentIfAskedTo) {
     store(record("a") + record("b"));
     Shell replay("exec qvctl spool replay --wait --rate 4");

@@ -32,6 +32,12 @@ const int kProgressDigits = 20;  // of the largest offset
     throw std::runtime_error(what + ": " + strerror(errno));
 }
 
+[[noreturn]] void failToWrite(const std::string& path) {
+    const bool isFull = errno == ENOSPC || errno == EDQUOT;
+    throw std::runtime_error("cannot write to " + path + ": " + strerror(errno) +
+                             (isFull ? "; make room on its disk first" : ""));
+}
+
 /// Opens `path` if a regular file is there, not following a link nor waiting; -1 if nothing is.
 Descriptor openRegular(const std::string& path, int flags) {
     Descriptor fd(open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
@@ -133,7 +139,8 @@ bool ReplayQueue::takeFile() {
         return false;
     }
     m_progressFd = openRegular(m_progressFile, O_RDWR | O_CREAT);
-    m_progress = readProgress(m_progressFd.get(), m_working.get());
+    // Stored before anything is sent: with no room for it, every replay would send the same again.
+    setProgress(readProgress(m_progressFd.get(), m_working.get()));
     return true;
 }
 
@@ -142,7 +149,7 @@ void ReplayQueue::setProgress(uint64_t progress) {
     const int length =
         snprintf(digits, sizeof(digits), "%0*" PRIu64 "\n", kProgressDigits, progress);
     if (pwrite(m_progressFd.get(), digits, static_cast<size_t>(length), 0) != length) {
-        fail("cannot write to " + m_progressFile);
+        failToWrite(m_progressFile);
     }
     m_progress = progress;
 }
@@ -152,7 +159,7 @@ void ReplayQueue::keepDamaged(std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t written = write(fd.get(), bytes.data(), bytes.size());
         if (written < 0) {
-            fail("cannot write to " + m_damagedFile);
+            failToWrite(m_damagedFile);
         }
         bytes.remove_prefix(static_cast<size_t>(written));
     }
