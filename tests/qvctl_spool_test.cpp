@@ -60,6 +60,8 @@ TEST_F(QvctlSpool, TellsWhatAFileHolds) {
               "app type 5: 2 records, 8 bytes\nb type 7: 1 records, 4 bytes\n"
               "beside it: /data/qvagent/msgdat.dat.replay: 29 bytes, "
               "of a replay that is at work or was ended\n");
+    std::filesystem::remove(kFile);
+    run("qvctl spool info", 0, "msgdat.dat: there is none\nbeside it: ");
 }
 
 TEST_F(QvctlSpool, CountsNoRecordThatIsInTheBodyOfAnother) {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -52,11 +53,27 @@ struct InfoOptions {
     bool json = false;
 };
 
-void appendLeftOvers(const std::string& file, Output& output) {
+std::string describeLeftOvers(const std::string& file) {
+    std::string lines;
     for (const ReplayQueue::LeftOver& left : ReplayQueue::leftOvers(file)) {
-        output.append("beside it: " + escapeForTerminal(left.path) + ": " +
-                      std::to_string(left.size) + " bytes, " + left.what + '\n');
+        lines += "beside it: " + escapeForTerminal(left.path) + ": " + std::to_string(left.size) +
+                 " bytes, " + left.what + '\n';
     }
+    return lines;
+}
+
+void printInfo(const InfoOptions& options) {
+    const std::string leftOvers = options.json ? "" : describeLeftOvers(options.file);
+    Output output;
+    if (!leftOvers.empty() && access(options.file.c_str(), F_OK) != 0 && errno == ENOENT) {
+        output.append("file: " + escapeForTerminal(options.file) + ": there is none\n");
+    } else {
+        const Descriptor fd = openFile(options.file);
+        const SpoolInfo info(fd.get());
+        options.json ? info.printJson(output) : info.printReadable(options.file, output);
+    }
+    output.append(leftOvers);
+    output.flush();
 }
 
 void addInfoVerb(CLI::App& spool) {
@@ -64,23 +81,12 @@ void addInfoVerb(CLI::App& spool) {
     CLI::App* verb = spool.add_subcommand("info", "Say what a file holds.");
     verb->footer(
         "Shows the file's size, its records by application and log type, the oldest and newest\n"
-        "time stamp, what is no record, and what replays left beside it.\n"
+        "time stamp, what is no record, and what replays left beside it, be it there or not.\n"
         "Example: qvctl spool info\n"
         "Exit status: 0 shown, 1 the file cannot be read, 2 wrong usage.");
     addFileArgument(*verb, options->file);
-    verb->add_flag("--json", options->json, "Print a JSON object");
-    verb->callback([options] {
-        const Descriptor fd = openFile(options->file);
-        const SpoolInfo info(fd.get());
-        Output output;
-        if (options->json) {
-            info.printJson(output);
-        } else {
-            info.printReadable(options->file, output);
-            appendLeftOvers(options->file, output);
-        }
-        output.flush();
-    });
+    verb->add_flag("--json", options->json, "Print a JSON object of the file alone");
+    verb->callback([options] { printInfo(*options); });
 }
 
 struct CatOptions {
