@@ -144,6 +144,8 @@ bool ReplayQueue::takeFile() {
     return true;
 }
 
+uint64_t ReplayQueue::size() const { return fileSize(m_working.get()); }
+
 void ReplayQueue::setProgress(uint64_t progress) {
     char digits[kProgressDigits + sizeof("\n")];
     const int length =
@@ -166,7 +168,7 @@ void ReplayQueue::keepDamaged(std::string_view bytes) {
 }
 
 bool ReplayQueue::removeFile(uint64_t end) {
-    if (!awaitWriters() || fileSize(m_working.get()) > end) {
+    if (!awaitWriters() || size() > end) {
         return false;
     }
     removeIfThere(m_workingFile);  // first: its progress keeps it from being replayed again

@@ -50,6 +50,7 @@ class ReplayQueue {
 
     /// The file at work, open for reading.
     int fd() const { return m_working.get(); }
+    uint64_t size() const;
     const std::string& workingFile() const { return m_workingFile; }
     const std::string& damagedFile() const { return m_damagedFile; }
 

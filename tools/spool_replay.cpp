@@ -126,6 +126,7 @@ class Replay {
     void replayFile() {
         m_damageKept = m_queue.progress();
         startFromProgress();
+        m_line.begin(part());
         for (bool isDone = false; !isDone && !stopRequested();) {
             try {
                 isDone = sendNext() && m_queue.removeFile(m_handled);
@@ -205,8 +206,13 @@ class Replay {
         m_replayed.add(m_unread);
         m_batch.clear();
         m_unread = {};
-        m_line.show(m_replayed.records, m_replayed.bytes,
-                    static_cast<double>(m_handled) / static_cast<double>(m_reader->size()));
+        m_line.show(m_replayed.records, m_replayed.bytes, part());
+    }
+
+    /// How much of the file at work is handled, 0 to 1.
+    double part() const {
+        const uint64_t size = m_queue.size();
+        return size > 0 ? static_cast<double>(m_handled) / static_cast<double>(size) : 1;
     }
 
     void awaitRead() {
