@@ -14,6 +14,7 @@
 #include "command_line.h"
 #include "kept_requests.h"
 #include "listener.h"
+#include "monotonic_time.h"
 #include "output.h"
 #include "record_filter.h"
 #include "record_printer.h"
@@ -106,10 +107,12 @@ class Records {
 
  private:
     void pause() {
-        if (m_options.slowMilliseconds > 0 && !stopRequested()) {
-            m_output.flush();
-            const timespec length = {m_options.slowMilliseconds / 1000,
-                                     m_options.slowMilliseconds % 1000 * 1000000};
+        const int64_t end = monotonicMilliseconds() + m_options.slowMilliseconds;
+        for (int64_t left = m_options.slowMilliseconds; left > 0 && !stopRequested();
+             left = end - monotonicMilliseconds()) {
+            show();
+            const int64_t nap = m_options.stats ? std::min(left, millisecondsLeft()) : left;
+            const timespec length = {nap / 1000, nap % 1000 * 1000000};
             nanosleep(&length, nullptr);
         }
     }
