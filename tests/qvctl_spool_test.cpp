@@ -81,7 +81,8 @@ TEST_F(QvctlSpool, PrintsTheRecordsThatMeetEveryFilter) {
         {"--type 2-9", "b c=d "},
         {"--since 1001 --type 1-2", "b "},
         {"--until '1970-01-01 00:16:41'", "a b "},
-        {"--since 1970-01-02", ""},
+        {"--since 1970-01-01T00:17", ""},
+        {"--since '1970-01-01 00'", "a b c=d "},
         {"--grep c=", "c=d "},
     };
     const std::string bodies = " | sed 's/.*\"body\":\"//; s/\".*/ /' | tr -d '\\n'";
@@ -100,6 +101,7 @@ TEST_F(QvctlSpool, RefusesWhatItCannotDo) {
         {"qvctl spool cat --type 128", "--type: neither", 2},
         {"qvctl spool cat --since noon", "--since: neither", 2},
         {"qvctl spool cat --since 2026-02-31", "--since: neither", 2},
+        {"qvctl spool cat --since 26-01-31", "--since: neither", 2},
         {"qvctl spool replay --rate 0", "--rate: ", 2},
         {"qvctl spool replay --rate 0x10", "--rate: ", 2},
         {"qvctl spool", "subcommand is required", 2},

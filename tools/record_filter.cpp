@@ -10,6 +10,8 @@
 namespace Quorvel {
 namespace {
 
+const size_t kYearDigits = 4;
+
 /// Whether the date, which mktime() would carry over into the next month, is in its month.
 bool isInCalendar(const tm& parts) {
     tm day{};
@@ -20,13 +22,19 @@ bool isInCalendar(const tm& parts) {
     return day.tm_mon == parts.tm_mon;
 }
 
+/// Whether `value` has digits only or begins with a year of four.
+bool hasWholeYear(const std::string& value) {
+    const size_t digits = value.find_first_not_of("0123456789");
+    return digits == std::string::npos || digits == kYearDigits;
+}
+
 int64_t parseTime(const std::string& option, const std::string& value) {
-    for (const char* const form :
-         {"%s", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+    for (const char* const form : {"%s", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M",
+                                   "%Y-%m-%dT%H:%M", "%Y-%m-%d %H", "%Y-%m-%dT%H", "%Y-%m-%d"}) {
         tm parts{};
         parts.tm_isdst = -1;
         const char* const end = strptime(value.c_str(), form, &parts);
-        if (end != nullptr && *end == '\0' && isInCalendar(parts)) {
+        if (end != nullptr && *end == '\0' && isInCalendar(parts) && hasWholeYear(value)) {
             return mktime(&parts);
         }
     }
@@ -64,7 +72,7 @@ void addFilterOptions(CLI::App& verb, RecordFilter& filter) {
               parseLogTypes);
     addParsed(verb, "--since", "T",
               "Only records from then on: seconds since the epoch, or a local time like "
-              "\"2026-01-31 17:05:00\", whose end may be missing",
+              "\"2026-01-31 17:05:00\", of which the date is enough",
               filter.since, parseTime);
     addParsed(verb, "--until", "T", "Only records until then", filter.until, parseTime);
     verb.add_option("--grep", filter.text, "Only records whose body holds this text")
