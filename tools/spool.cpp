@@ -180,6 +180,11 @@ void addReplayVerb(CLI::App& spool, int& status) {
 void addSpoolVerb(CLI::App& program, int& status) {
     CLI::App* verb =
         program.add_subcommand("spool", "Look at the fallback file, or replay it to the agent.");
+    verb->footer(
+        "Applications turn over to the fallback file what the agent cannot take; a replay brings\n"
+        "it in.\n"
+        "Example: qvctl spool info && qvctl spool replay\n"
+        "Exit status: 0 success, 1 failure, 2 wrong usage; the verbs' help says what success is.");
     verb->require_subcommand(1);
     addInfoVerb(*verb);
     addCatVerb(*verb, status);
