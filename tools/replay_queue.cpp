@@ -45,11 +45,14 @@ Descriptor openRegular(const std::string& path, int flags) {
     if (fd.get() < 0 && errno == ENOENT) {
         return fd;
     }
-    if (fd.get() < 0 ? errno == ELOOP : fstat(fd.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        throw std::runtime_error(path + " is no regular file");
+    if (fd.get() < 0 && errno == ELOOP) {
+        throw std::runtime_error(path + " is a symbolic link");
     }
     if (fd.get() < 0) {
         fail("cannot open " + path);
+    }
+    if (fstat(fd.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        throw std::runtime_error(path + " is no regular file");
     }
     return fd;
 }

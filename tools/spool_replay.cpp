@@ -6,6 +6,7 @@
 #include <iostream>
 #include <optional>
 #include <stdexcept>
+#include <vector>
 
 #include "agent_connection.h"
 #include "pace.h"
@@ -258,7 +259,11 @@ bool replay(const ReplayOptions& options) {
 }
 
 void describeReplay(const ReplayOptions& options) {
-    for (const ReplayQueue::Part& part : ReplayQueue::parts(options.file)) {
+    const std::vector<ReplayQueue::Part> parts = ReplayQueue::parts(options.file);
+    if (parts.empty()) {
+        std::cout << "there is nothing to replay\n";
+    }
+    for (const ReplayQueue::Part& part : parts) {
         SpoolReader reader(part.fd.get(), part.progress);
         Amount amount;
         uint64_t damage = 0;
