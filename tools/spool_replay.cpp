@@ -64,8 +64,8 @@ class Replay {
         std::cout << "replayed: " << m_replayed.records << " records, " << m_replayed.bytes
                   << " bytes\n";
         if (m_damage > 0) {
-            std::cout << "no records: " << m_damage << " bytes, kept in " << m_queue.damagedFile()
-                      << '\n';
+            std::cout << "no records: " << m_damage << " bytes, kept in "
+                      << escapeForTerminal(m_queue.damagedFile()) << '\n';
         }
     }
 
@@ -183,6 +183,9 @@ class Replay {
             sendInPieces(length);
         }
         m_unread.add({1, length});
+        if (length > kBatchSize) {
+            finishBatch();  // nothing that fails before the next one may have it sent again
+        }
     }
 
     void sendInPieces(size_t length) {
@@ -272,8 +275,8 @@ void describeReplay(const ReplayOptions& options) {
             damage += reader.skipped();
         }
         damage += reader.skipped();
-        std::cout << "would replay from " << part.path << ": " << amount.records << " records, "
-                  << amount.bytes << " bytes\n";
+        std::cout << "would replay from " << escapeForTerminal(part.path) << ": " << amount.records
+                  << " records, " << amount.bytes << " bytes\n";
         if (damage > 0) {
             std::cout << "no records: " << damage << " bytes\n";
         }
