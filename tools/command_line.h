@@ -33,6 +33,11 @@ CLI::Option* addNumber(CLI::App& verb, const std::string& name, Target& target, 
     return verb.add_option_function<std::string>(name, parse, help)->type_name("NUMBER");
 }
 
+/// What is wrong with the name of a file; empty if nothing is.
+inline std::string checkFileName(const std::string& name) {
+    return name.empty() ? "the name is empty" : "";
+}
+
 }  // namespace Quorvel
 
 #endif  // QUORVEL_COMMAND_LINE_H

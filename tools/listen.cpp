@@ -195,7 +195,7 @@ void addListenVerb(CLI::App& program, int& status) {
                    "Instead of records, print a table of records and bytes a second");
     verb->add_option("--keep", options->keep,
                      "Append the requests to this file, in the fallback file's format")
-        ->check([](const std::string& file) { return file.empty() ? "the name is empty" : ""; })
+        ->check(checkFileName)
         ->type_name("FILE")
         ->transform(unprotect);
     addNumber<int64_t>(*verb, "--count", options->count, 1, INT64_MAX,

@@ -189,7 +189,7 @@ void addSendVerb(CLI::App& program, int& status) {
     verb->add_option("--binary", options->binary, "Send this file's bytes as one binary record")
         ->type_name("FILE")
         ->transform(unprotect)
-        ->check([](const std::string& file) { return file.empty() ? "the name is empty" : ""; })
+        ->check(checkFileName)
         ->excludes(texts);
     verb->add_flag("--keep-empty", options->keepEmpty,
                    "Send empty lines and texts, too; empty lines are skipped by default");
